@@ -1,0 +1,1 @@
+#include "platform/proc_lib.h"

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Sets up the machine, then builds and runs every test: the host build, the
+# sanitizer builds (address+undefined, thread) and the MIPS cross build, whose
+# unit tests run under qemu-mips. Pass variant names to run only some of them.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+
+variants=("$@")
+((${#variants[@]})) || variants=(host asan tsan mips)
+
+# ThreadSanitizer cannot map its shadow memory with the kernel's largest
+# address-space randomisation; run its tests with randomisation off.
+norandom=()
+if setarch "$(uname -m)" -R true 2>/dev/null; then norandom=(setarch "$(uname -m)" -R); fi
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+failed=()
+for v in "${variants[@]}"; do
+  echo "=== $v: build"
+  scripts/build.sh "$v"
+  echo "=== $v: test"
+  labels=()
+  [ "$v" = mips ] && labels=(-L unit)
+  run=()
+  [ "$v" = tsan ] && run=("${norandom[@]}")
+  if ! "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$(nproc)" "${labels[@]}"; then
+    failed+=("$v")
+  fi
+done
+
+if ((${#failed[@]})); then
+  echo "test.sh: failures in: ${failed[*]}"
+  exit 1
+fi
+echo "test.sh: all variants passed: ${variants[*]}"
