@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Runs a command inside a private gateway sandbox, so that the fixed paths the
+# daemon and its platform libraries use ("/var/uuidmount", "/rw", "/tmp/.kord",
+# "/var/kord", "/run") are fresh and private and nothing on the host changes.
+#
+#   scripts/sandbox.sh COMMAND [ARG]...
+#
+# The sandbox is a new mount namespace (a user namespace too when not root)
+# whose root is a tmpfs: the host's top-level directories are bound into it,
+# except /tmp, /run, /var, /rw and /mnt, which are new empty tmpfs mounts.
+# The command runs in the current directory (which must be under a bound one).
+set -euo pipefail
+(($#)) || { echo "usage: sandbox.sh COMMAND [ARG]..." >&2; exit 2; }
+
+if [ "${ZIBD_IN_SANDBOX:-}" != 1 ]; then
+  userns=()
+  [ "$(id -u)" -eq 0 ] || userns=(--user --map-root-user)
+  export ZIBD_IN_SANDBOX=1
+  exec unshare "${userns[@]}" --mount --propagation private "$0" "$@"
+fi
+
+# The new root is staged on /mnt, which this namespace alone sees shadowed.
+root=/mnt
+mount -t tmpfs -o mode=0755 zibd-root "$root"
+for entry in /*; do
+  name=${entry#/}
+  if [ -L "$entry" ]; then
+    ln -s "$(readlink "$entry")" "$root/$name"
+    continue
+  fi
+  [ -d "$entry" ] || continue
+  case "$name" in
+    tmp|run|var|rw|mnt|lost+found) ;;
+    *) mkdir "$root/$name" && mount --rbind "$entry" "$root/$name" ;;
+  esac
+done
+for name in tmp run var rw mnt; do
+  mkdir "$root/$name"
+  mount -t tmpfs -o mode=1777 "zibd-$name" "$root/$name"
+done
+mkdir -p "$root/var/uuidmount" "$root/var/kord/meta" "$root/tmp/.kord"
+ln -s /run "$root/var/run"
+
+cwd=$PWD
+exec chroot "$root" /bin/sh -c 'cd "$1" && shift && exec "$@"' sandbox "$cwd" "$@"

@@ -1,0 +1,93 @@
+#include "platform/tock.h"
+
+#include <stdlib.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/sandbox.h"
+
+namespace {
+
+using zibd::test::SandboxTest;
+
+class TockTest : public SandboxTest {
+ protected:
+  void SetUp() override { ::setenv("TOCK_EVENTS", log_.c_str(), 1); }
+  void TearDown() override { ::unsetenv("TOCK_EVENTS"); }
+
+  std::vector<std::string> lines() const {
+    std::vector<std::string> out;
+    std::string all = zibd::test::readFile(log_), line;
+    for (char c : all) {
+      if (c == '\n') {
+        out.push_back(line);
+        line.clear();
+      } else {
+        line += c;
+      }
+    }
+    EXPECT_EQ(line, "") << "the log ends in a partial line";
+    return out;
+  }
+
+  std::string log_ = sandbox_ / "events";
+};
+
+TEST_F(TockTest, EventsAreAppendedAsOneLineEachInOrder) {
+  tock_t* a = tock_init("var/uuidmount/ab12", "/var/uuidmount/ab12", 0, 0, 0);
+  tock_t* b = tock_init("var/uuidmount/cd34", "/var/uuidmount/cd34", 0, 0, 0);
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(tock_event(a, "/Media/film.mkv", 2), 0);
+  EXPECT_EQ(tock_event(b, "", 2), 0);
+  EXPECT_EQ(tock_event(a, "/Media", 7), 0);
+  tock_fini(a);
+  tock_fini(b);
+  EXPECT_THAT(lines(), testing::ElementsAre("var/uuidmount/ab12\t2\t/Media/film.mkv",
+                                            "var/uuidmount/cd34\t2\t",
+                                            "var/uuidmount/ab12\t7\t/Media"));
+}
+
+TEST_F(TockTest, SeparatorsInsidePathsAreEscapedSoEachEventStaysOneLine) {
+  tock_t* p = tock_init("p", "/p", 0, 0, 0);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(tock_event(p, "/a\tb\nc\\d", 2), 0);
+  tock_fini(p);
+  EXPECT_THAT(lines(), testing::ElementsAre("p\t2\t/a\\tb\\nc\\\\d"));
+}
+
+TEST_F(TockTest, ConcurrentProducersNeverInterleaveWithinALine) {
+  constexpr int kThreads = 4, kEvents = 500;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      tock_t* p = tock_init(("producer" + std::to_string(t)).c_str(), "/", 0, 0, 0);
+      ASSERT_NE(p, nullptr);
+      const std::string path = "/" + std::string(200, static_cast<char>('a' + t));
+      for (int i = 0; i < kEvents; ++i) ASSERT_EQ(tock_event(p, path.c_str(), 2), 0);
+      tock_fini(p);
+    });
+  }
+  for (auto& th : threads) th.join();
+  auto all = lines();
+  ASSERT_EQ(all.size(), static_cast<size_t>(kThreads * kEvents));
+  for (const auto& line : all) {
+    ASSERT_THAT(line, testing::MatchesRegex("producer([0-3])\t2\t/(a+|b+|c+|d+)"));
+    EXPECT_EQ(line[line.size() - 1], 'a' + (line[8] - '0')) << line;
+  }
+}
+
+TEST_F(TockTest, FailuresAreReportedNotCrashed) {
+  ::setenv("TOCK_EVENTS", (sandbox_ / "missing-dir/events").c_str(), 1);
+  EXPECT_EQ(tock_init("p", "/p", 0, 0, 0), nullptr);
+  EXPECT_EQ(tock_init(nullptr, "/p", 0, 0, 0), nullptr);
+  EXPECT_NE(tock_event(nullptr, "/x", 2), 0);
+  tock_fini(nullptr);
+}
+
+}  // namespace
