@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,9 +15,14 @@
 namespace zibd::test {
 
 std::string binary(const std::string& name) {
-  for (const char* dir : {"/tools/", "/frame/", "/host/rill/", "/host/kord/", "/bench/", "/"}) {
+  // A tool in tools/NAME/ is built as tools/NAME/NAME; tools/NAME itself is
+  // then a directory, which must not be taken for the program.
+  for (std::string dir : {"/tools/" + name + "/", std::string("/tools/"), std::string("/frame/"),
+                          std::string("/host/rill/"), std::string("/host/kord/"),
+                          std::string("/bench/"), std::string("/")}) {
     std::string p = std::string(ZIBD_BINARY_DIR) + dir + name;
-    if (::access(p.c_str(), X_OK) == 0) return p;
+    struct stat st;
+    if (::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(p.c_str(), X_OK) == 0) return p;
   }
   throw std::runtime_error("program not built: " + name);
 }
@@ -47,23 +53,39 @@ Process::Process(std::vector<std::string> argv, Env env, std::string stdin_text)
   std::vector<char*> args;
   for (auto& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
+  // Everything the child needs is prepared here: between fork and exec a
+  // child of a threaded test may not allocate, and the parent unlinks the
+  // input file right after the fork.
+  std::map<std::string, std::string> environment;
+  for (char** e = environ; *e; ++e) {
+    std::string entry(*e);
+    size_t eq = entry.find('=');
+    if (eq != std::string::npos) environment[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (auto& [k, v] : env.set) environment[k] = v;
+  std::vector<std::string> env_entries;
+  for (auto& [k, v] : environment) env_entries.push_back(k + "=" + v);
+  std::vector<char*> envp;
+  for (auto& e : env_entries) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  int in = ::open(in_path.c_str(), O_RDONLY | O_CLOEXEC);
+  int out = ::open(out_path_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+  int err = ::open(err_path_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
 
   pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
     ::setpgid(0, 0);
-    int in = ::open(in_path.c_str(), O_RDONLY);
-    int out = ::open(out_path_.c_str(), O_WRONLY | O_TRUNC);
-    int err = ::open(err_path_.c_str(), O_WRONLY | O_TRUNC);
     if (in < 0 || out < 0 || err < 0) ::_exit(126);
     ::dup2(in, 0);
     ::dup2(out, 1);
     ::dup2(err, 2);
-    for (auto& [k, v] : env.set) ::setenv(k.c_str(), v.c_str(), 1);
-    ::execv(args[0], args.data());
+    ::execve(args[0], args.data(), envp.data());
     ::_exit(127);
   }
+  for (int fd : {in, out, err})
+    if (fd >= 0) ::close(fd);
   ::unlink(in_path.c_str());
+  if (pid_ < 0) throw std::runtime_error("fork failed");
 }
 
 Process::~Process() {
