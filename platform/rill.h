@@ -8,7 +8,11 @@
  * with its instance number ("Storage.*.Partition").
  *
  * A client connection is used by one thread at a time. Results: 0 is success,
- * anything else failure, unless said otherwise.
+ * anything else failure, unless said otherwise. No call blocks forever when
+ * the bus goes away: requests then fail.
+ *
+ * On a development host the bus is the broker rilld, reached at the Unix
+ * socket named by $RILL_SOCKET (default "/run/rill.sock"); see docs/rill.md.
  */
 #ifndef ZIBD_PLATFORM_RILL_H
 #define ZIBD_PLATFORM_RILL_H
@@ -77,14 +81,19 @@ int rill_ccmd_add_subscribe_request(rill_conn_t *conn, rill_ccmd_t *cmd, const c
                                     const char *parameter, int flags, unsigned mask);
 
 /* Runs a command's reads and writes; calls reply_fn (if not NULL) once per
- * answer to a read. */
+ * answer to a read. Result: 0, or the first failure: the callback's result
+ * for a refused read, the bus's error code for a refused read without
+ * callback or a refused write (unknown object), non-zero for a lost
+ * connection. */
 int rill_invoke_ccmd(rill_conn_t *conn, rill_ccmd_t *cmd, rill_reply_fn reply_fn, void *context);
 
 /* Sends a command of subscriptions and registers notify_fn for the
  * notifications they produce. The answers (rill_ccmd_get_answers) then hold one
  * item per subscription, in request order: path, parameter name (NULL for an
  * object subscription), value = the subscription identifier, and an error
- * word. */
+ * word. Returns 0 once every subscription was answered, whatever the answer
+ * (a refused one has a non-zero error word and no value); non-zero when the
+ * connection failed. */
 int rill_invoke_ccmd_subscribe(rill_conn_t *conn, rill_ccmd_t *cmd, int flags,
                                rill_notify_fn notify_fn, void *context);
 
@@ -110,7 +119,9 @@ void rill_ctx_reset(rill_conn_t *conn);
 void rill_ctx_free(rill_conn_t *conn);
 
 /* The bus-wide client write lock serialises writers. timeout_s is how long to
- * wait for it; flags -1 takes the library default. */
+ * wait for it (0: do not wait); flags -1 takes the library default. 0 once
+ * held; non-zero at the time-out or when the connection failed. Held until
+ * freed or until the connection closes. */
 int rill_invoke_get_client_writelock(rill_conn_t *conn, int timeout_s, int flags);
 int rill_invoke_free_client_writelock(rill_conn_t *conn);
 

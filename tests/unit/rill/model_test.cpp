@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include "host/rill/model.h"
+#include "host/rill/path.h"
+
+namespace zibd::rill {
+namespace {
+
+Path object(const std::string& text) {
+  auto path = parseObjectPath(text);
+  EXPECT_TRUE(path) << text;
+  return path.value_or(Path{});
+}
+
+Path pattern(const std::string& text) {
+  auto path = parsePattern(text);
+  EXPECT_TRUE(path) << text;
+  return path.value_or(Path{});
+}
+
+TEST(RillPathTest, ParsesNamesAndInstanceNumbers) {
+  Path p = object("Storage.Disk.12.Partition.2");
+  ASSERT_EQ(p.size(), 3u);
+  EXPECT_EQ(p[0].name, "Storage");
+  EXPECT_FALSE(p[0].instance);
+  EXPECT_EQ(p[1].name, "Disk");
+  EXPECT_EQ(p[1].instance, 12u);
+  EXPECT_EQ(p[2].instance, 2u);
+  EXPECT_EQ(format(p), "Storage.Disk.12.Partition.2");
+  EXPECT_EQ(format(pattern("Storage.*.Partition")), "Storage.*.Partition");
+  EXPECT_EQ(format(object("ContentSharing.UPnPAV.IndexRules.3")), "ContentSharing.UPnPAV.IndexRules.3");
+}
+
+TEST(RillPathTest, RejectsMalformedPaths) {
+  for (const char* bad : {"", ".", "Storage.", ".Storage", "Storage..Disk", "1.Storage", "Storage.Disk.1.2",
+                          "Storage.Disk.01", "Storage.Disk.-1", "Storage.Di sk", "Storage.Disk.99999999999",
+                          "Storage.*.3", "Storage/Disk"}) {
+    EXPECT_FALSE(parsePattern(bad)) << bad;
+  }
+  EXPECT_FALSE(parseObjectPath("Storage.*.Partition"));  // a pattern names no single object
+  EXPECT_FALSE(parsePattern(std::string(kMaxPathLength + 1, 'a')));
+}
+
+TEST(RillPathTest, ParameterPathsSplitOffTheLastName) {
+  auto p = parseParamPath("Storage.Disk.1.Partition.2.Manageddisk");
+  ASSERT_TRUE(p);
+  EXPECT_EQ(format(p->object), "Storage.Disk.1.Partition.2");
+  EXPECT_EQ(p->param, "Manageddisk");
+  EXPECT_FALSE(parseParamPath("Storage.Disk.1"));  // ends in a number: no parameter
+  EXPECT_FALSE(parseParamPath("Manageddisk"));     // no object
+  EXPECT_FALSE(parseParamPath("Storage.*.Status"));
+}
+
+TEST(RillPathTest, ClassesMatchTheirInstancesOnly) {
+  const Path disk1 = object("Storage.Disk.1");
+  const Path part = object("Storage.Disk.1.Partition.2");
+  const Path service = object("VFS.MetaDataService");
+
+  EXPECT_TRUE(matches(pattern("Storage.Disk"), disk1));
+  EXPECT_FALSE(matches(pattern("Storage.Disk"), part));  // below a disk is not a disk
+  EXPECT_TRUE(matches(pattern("Storage.Disk.Partition"), part));
+  EXPECT_TRUE(matches(pattern("Storage.*.Partition"), part));
+  EXPECT_TRUE(matches(pattern("Storage.Disk.1.Partition"), part));
+  EXPECT_FALSE(matches(pattern("Storage.Disk.2.Partition"), part));
+  EXPECT_FALSE(matches(pattern("Storage.*"), part));
+  EXPECT_TRUE(matches(pattern("VFS.MetaDataService"), service));
+  EXPECT_FALSE(matches(pattern("Storage.Disk.1"), object("Storage.Disk.10")));
+
+  EXPECT_TRUE(matchesAtOrBelow(pattern("Storage.Disk.1"), part));
+  EXPECT_FALSE(matchesAtOrBelow(pattern("Storage.Disk.1.Partition.2"), disk1));
+
+  EXPECT_TRUE(namesOneInstance(pattern("Storage.Disk.7")));
+  EXPECT_FALSE(namesOneInstance(pattern("Storage.Disk")));
+  EXPECT_FALSE(namesOneInstance(pattern("Storage.*.Partition.1")));
+}
+
+TEST(RillModelTest, AddImpliesParentsAndRemoveTakesTheSubtree) {
+  Model model;
+  auto created = model.add(object("Storage.Disk.1.Partition.2"), {{"Status", "1"}, {"MountPoint", "/m"}});
+  ASSERT_EQ(created.size(), 3u);  // outermost first
+  EXPECT_EQ(format(created[0]), "Storage");
+  EXPECT_EQ(format(created[2]), "Storage.Disk.1.Partition.2");
+  EXPECT_EQ(model.find(created[2])->params.size(), 2u);
+  EXPECT_TRUE(model.add(object("Storage.Disk.1.Partition.2"), {}).empty()) << "exists already";
+
+  model.add(object("Storage.Disk.1.Partition.3"), {});
+  model.add(object("Storage.Disk.10.Partition.1"), {});  // shares the text prefix "Storage.Disk.1"
+  auto removed = model.remove(object("Storage.Disk.1"));
+  ASSERT_EQ(removed.size(), 3u);
+  EXPECT_EQ(format(removed.back()), "Storage.Disk.1") << "children go before their parent";
+  EXPECT_TRUE(model.find(object("Storage.Disk.10.Partition.1")));
+  EXPECT_FALSE(model.find(object("Storage.Disk.1.Partition.3")));
+  EXPECT_TRUE(model.remove(object("Storage.Disk.1")).empty());
+}
+
+TEST(RillModelTest, SetReportsWhetherTheValueChanged) {
+  Model model;
+  model.add(object("VFS.MetaDataService"), {{"ProfilingStatus", "Ready"}});
+  const Path service = object("VFS.MetaDataService");
+  EXPECT_EQ(model.set(service, "ProfilingStatus", "Ready"), Model::SetResult::kUnchanged);
+  EXPECT_EQ(model.set(service, "ProfilingStatus", "Profiling"), Model::SetResult::kChanged);
+  EXPECT_EQ(model.set(service, "ForceRescan", "0"), Model::SetResult::kChanged) << "a new parameter";
+  EXPECT_EQ(model.set(object("VFS.Other"), "X", "1"), Model::SetResult::kNoObject);
+  EXPECT_EQ(model.find(service)->params.at("ProfilingStatus"), "Profiling");
+}
+
+TEST(RillModelTest, MatchYieldsInstancesInNumericOrder) {
+  Model model;
+  for (const char* path : {"Storage.Disk.10", "Storage.Disk.2", "Storage.Disk.2.Partition.1"})
+    model.add(object(path), {{"P", "v"}});
+  std::vector<std::string> disks;
+  for (const auto& [path, obj] : model.match(pattern("Storage.Disk"))) disks.push_back(format(*path));
+  EXPECT_EQ(disks, (std::vector<std::string>{"Storage.Disk.2", "Storage.Disk.10"}));
+  EXPECT_EQ(model.matchAtOrBelow(pattern("Storage.Disk.2")).size(), 2u);
+  EXPECT_TRUE(model.match(pattern("ContentSharing.UPnPAV.IndexRules")).empty());
+}
+
+TEST(RillModelFileTest, SeedsObjectsFromLines) {
+  Model model;
+  std::string error;
+  ASSERT_TRUE(loadModel("# comment\n\n  \nStorage.Disk.1.CapacityInMBytes=953869\r\n"
+                        "ContentSharing.UPnPAV.IndexRules.1.PartitionName=Family disk\n"
+                        "VFS.MetaDataService.Formula=a=b\n"
+                        "VFS.MetaDataService.Empty=",
+                        &model, &error))
+      << error;
+  EXPECT_EQ(model.find(object("Storage.Disk.1"))->params.at("CapacityInMBytes"), "953869");
+  EXPECT_EQ(model.find(object("ContentSharing.UPnPAV.IndexRules.1"))->params.at("PartitionName"), "Family disk");
+  EXPECT_EQ(model.find(object("VFS.MetaDataService"))->params.at("Formula"), "a=b");
+  EXPECT_EQ(model.find(object("VFS.MetaDataService"))->params.at("Empty"), "");
+  EXPECT_TRUE(model.find(object("Storage"))) << "objects above are implied";
+}
+
+TEST(RillModelFileTest, ReportsTheNumberOfTheFirstBadLine) {
+  for (const auto& [text, line] : std::vector<std::pair<std::string, std::string>>{
+           {"A.B=1\n# ok\nno equals sign\n", "line 3:"},
+           {"A.B=1\nStorage.Disk.1=5\n", "line 2:"},
+           {"Bad..Path.X=1\n", "line 1:"},
+       }) {
+    Model model;
+    std::string error;
+    EXPECT_FALSE(loadModel(text, &model, &error)) << text;
+    EXPECT_EQ(error.rfind(line, 0), 0u) << error;
+  }
+}
+
+}  // namespace
+}  // namespace zibd::rill
