@@ -2,6 +2,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 
 #include "host/rill/client.h"
 #include "platform/rill.h"
@@ -24,5 +25,12 @@ namespace zibd::rill {
 inline constexpr int kLost = -1;
 // Result of a library call with bad arguments.
 inline constexpr int kInvalid = -2;
+
+// Sends one request on the connection's request channel and waits for its
+// reply; nullopt when the connection to the bus failed. Takes request_mutex.
+inline std::optional<Reply> call(rill_conn_t* conn, Request request) {
+  std::lock_guard lock(conn->request_mutex);
+  return conn->client.call(std::move(request));
+}
 
 }  // namespace zibd::rill

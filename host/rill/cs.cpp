@@ -3,6 +3,7 @@
 #include "host/rill/conn.h"
 #include "platform/cs.h"
 
+using zibd::rill::call;
 using zibd::rill::guarded;
 using zibd::rill::kInvalid;
 using zibd::rill::kLost;
@@ -12,11 +13,6 @@ using zibd::rill::Request;
 using zibd::rill::Status;
 
 namespace {
-
-std::optional<Reply> call(rill_conn_t* conn, Request request) {
-  std::lock_guard lock(conn->request_mutex);
-  return conn->client.call(std::move(request));
-}
 
 int changeRefcount(rill_conn_t* conn, const char* disk_path, int delta) {
   if (!conn || !disk_path) return kInvalid;

@@ -6,6 +6,7 @@
 #include "host/rill/path.h"
 #include "platform/rill.h"
 
+using zibd::rill::call;
 using zibd::rill::guarded;
 using zibd::rill::kInvalid;
 using zibd::rill::kLost;
@@ -68,11 +69,7 @@ int runCommand(rill_conn_t* conn, rill_ccmd_t* cmd, rill_reply_fn reply_fn, void
   command->answers = std::make_unique<llist>();
   int result = 0;
   for (const Request& request : command->requests) {
-    std::optional<Reply> reply;
-    {
-      std::lock_guard lock(conn->request_mutex);
-      reply = conn->client.call(request);
-    }
+    std::optional<Reply> reply = call(conn, request);
     if (!reply) return kLost;
     addAnswers(command->answers.get(), request, *reply);
     int rc = 0;
@@ -253,8 +250,7 @@ int rill_invoke_free_client_writelock(rill_conn_t* conn) {
   return guarded(kLost, [&] {
     Request request;
     request.op = Op::kUnlock;
-    std::lock_guard lock(conn->request_mutex);
-    auto reply = conn->client.call(request);
+    auto reply = call(conn, request);
     return reply ? statusCode(reply->status) : kLost;
   });
 }
