@@ -1,0 +1,612 @@
+#include "host/kord/store.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#include "host/kord/failure.h"
+#include "host/kord/paths.h"
+#include "host/kord/view_dir.h"
+
+namespace zibd::kord {
+
+namespace {
+
+// How long a writer waits for another connection's write lock. The daemon's
+// writers hold it for one file's tags at a time.
+constexpr int kBusyTimeoutMs = 10000;
+constexpr std::size_t kMaxViewName = 255;  // NAME_MAX: the name is a directory entry
+// How far the rows of one condition term are counted to find the most
+// selective term; a view holds at most 100 files.
+constexpr std::int64_t kProbeLimit = 1000;
+
+// The statements of a Store, prepared once per connection.
+enum Sql : int {
+  kBegin,
+  kCommit,
+  kFindFile,
+  kInsertFile,
+  kGetTag,
+  kSetTag,
+  kDeleteTag,
+  kSetTagBelow,
+  kTagsOf,
+  kPathOf,
+  kIdsBelow,
+  kFilesBelow,
+  kFilesFrom,
+  kFilesAfter,
+  kDeleteTagsBelow,
+  kDeleteFilesBelow,
+  kDeleteFile,
+  kDeleteTagsOf,
+  kRenameFile,
+  kViews,
+  kViewInsert,
+  kViewGet,
+  kViewSetCondition,
+  kViewDelete,
+  kCountValues,
+  kIndexedTag,
+  kAddIndexedTag,
+  kSqlCount
+};
+
+// Indexed by Sql. A subtree is "path = ?e OR (path >= ?lo AND path < ?hi)"
+// (see Subtree). A tag name is compared as "name = CAST(? AS TEXT)", never
+// with a bare parameter: SQLite checks whether the bound value selects one of
+// the partial indexes (WHERE name = '...') and then prepares the statement
+// anew on every bind, which would cost each gettag a parse.
+constexpr const char* kSqlText[] = {
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "SELECT id FROM files WHERE path = ?1",
+    "INSERT INTO files(path) VALUES(?1) ON CONFLICT(path) DO NOTHING",
+    "SELECT t.value FROM files f LEFT JOIN tags t ON t.file = f.id AND t.name = CAST(?2 AS TEXT)"
+    " WHERE f.path = ?1",
+    "INSERT INTO tags(file, name, value) VALUES(?1, ?2, ?3)"
+    " ON CONFLICT(file, name) DO UPDATE SET value = excluded.value",
+    "DELETE FROM tags WHERE file = ?1 AND name = CAST(?2 AS TEXT)",
+    "INSERT INTO tags(file, name, value) SELECT id, ?1, ?2 FROM files WHERE path >= ?3 AND path < "
+    "?4"
+    " ON CONFLICT(file, name) DO UPDATE SET value = excluded.value",
+    "SELECT name, value FROM tags WHERE file = ?1 ORDER BY name",
+    "SELECT path FROM files WHERE id = ?1",
+    "SELECT id FROM files WHERE path >= ?1 AND path < ?2",
+    "SELECT id, path FROM files WHERE path = ?1 OR (path >= ?2 AND path < ?3) ORDER BY path",
+    "SELECT id, path FROM files WHERE path >= ?1 AND path < ?2 ORDER BY path LIMIT ?3",
+    "SELECT id, path FROM files WHERE path > ?1 AND path < ?2 ORDER BY path LIMIT ?3",
+    "DELETE FROM tags WHERE file IN"
+    " (SELECT id FROM files WHERE path = ?1 OR (path >= ?2 AND path < ?3))",
+    "DELETE FROM files WHERE path = ?1 OR (path >= ?2 AND path < ?3)",
+    "DELETE FROM files WHERE id = ?1 AND path = ?2",
+    "DELETE FROM tags WHERE file = ?1",
+    "UPDATE files SET path = ?2 WHERE id = ?1",
+    "SELECT name, condition, dir FROM views WHERE condition IS NOT NULL",
+    "INSERT INTO views(name, condition, dir) VALUES(?1, NULL, ?2) ON CONFLICT(name) DO NOTHING",
+    "SELECT condition, dir FROM views WHERE name = ?1",
+    "UPDATE views SET condition = ?2 WHERE name = ?1",
+    "DELETE FROM views WHERE name = ?1",
+    "SELECT value, count(*) FROM tags WHERE name = CAST(?1 AS TEXT) GROUP BY value ORDER BY value",
+    "SELECT id FROM indexed_tags WHERE name = ?1",
+    "INSERT INTO indexed_tags(name) VALUES(?1)",
+};
+static_assert(std::size(kSqlText) == kSqlCount);
+
+// The daemon names a partition without a database the first time it picks
+// it: make the directory that will hold the file (one level only, never the
+// mount point above it).
+const std::string& withParentDirectory(const std::string& database) {
+  std::string dir = database.substr(0, database.rfind('/'));
+  if (!dir.empty()) ::mkdir(dir.c_str(), 0755);  // failures show when SQLite opens the file
+  return database;
+}
+
+Query& bindSubtree(Query& q, const Subtree& s) {
+  return q.bind(1, s.exact).bind(2, s.low).bind(3, s.high);
+}
+
+}  // namespace
+
+bool isValidViewName(std::string_view name) {
+  return !name.empty() && name.size() <= kMaxViewName && name != "." && name != ".." &&
+         name.find('/') == std::string_view::npos;
+}
+
+Store::Store(std::shared_ptr<const Location> location)
+    : location_(std::move(location)), connection_(withParentDirectory(location_->database)) {
+  ::sqlite3_busy_timeout(connection_.get(), kBusyTimeoutMs);
+  // WAL with synchronous=NORMAL: a commit is durable against a crash of the
+  // process (it reached the kernel) without a disk flush per commit.
+  {
+    Statement wal(connection_, "PRAGMA journal_mode=WAL");
+    Query(wal).run();
+  }
+  connection_.exec("PRAGMA synchronous=NORMAL");
+  std::int64_t version;
+  {
+    Statement pragma(connection_, "PRAGMA user_version");
+    Query q(pragma);
+    version = q.next() ? q.integer(0) : 0;
+  }
+  if (version > kSchemaVersion) {
+    fail(Status::kNoDatabase, location_->database + " has schema version " +
+                                  std::to_string(version) + ", newer than this library's");
+  }
+  if (version < kSchemaVersion) {
+    connection_.exec("BEGIN IMMEDIATE");
+    try {
+      connection_.exec(kSchemaSql);
+      connection_.exec("PRAGMA user_version=" + std::to_string(kSchemaVersion));
+      connection_.exec("COMMIT");
+    } catch (...) {
+      ::sqlite3_exec(connection_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+      throw;
+    }
+  }
+}
+
+Store::~Store() { rollback(); }
+
+const Statement& Store::statement(int id) {
+  static_assert(kSqlCount <= std::tuple_size_v<decltype(statements_)>);
+  auto& slot = statements_[static_cast<std::size_t>(id)];
+  if (!slot) slot = std::make_unique<Statement>(connection_, kSqlText[id]);
+  return *slot;
+}
+
+// --- reads ---
+
+bool Store::getTag(std::string_view path, std::string_view name, std::string* value) {
+  Query q(statement(kGetTag));
+  q.bind(1, path).bind(2, name);
+  if (!q.next()) {
+    // The scanner's question for a new file; its tags follow at once.
+    unknown_path_.assign(path);
+    return false;
+  }
+  if (q.isNull(0)) return false;
+  value->assign(q.text(0));
+  return true;
+}
+
+std::int64_t Store::findFile(std::string_view path) {
+  Query q(statement(kFindFile));
+  q.bind(1, path);
+  return q.next() ? q.integer(0) : 0;
+}
+
+TagList Store::tagsOf(std::int64_t file) {
+  TagList tags;
+  Query q(statement(kTagsOf));
+  q.bind(1, file);
+  while (q.next()) tags.emplace_back(q.text(0), q.text(1));
+  return tags;
+}
+
+FileList Store::filesBelow(std::string_view path) {
+  Subtree s(path);
+  FileList files;
+  Query q(statement(kFilesBelow));
+  bindSubtree(q, s);
+  while (q.next()) files.emplace_back(q.integer(0), q.text(1));
+  return files;
+}
+
+std::vector<std::string> Store::pathsBelow(std::string_view path) {
+  std::vector<std::string> paths;
+  for (auto& file : filesBelow(path)) paths.push_back(std::move(file.second));
+  return paths;
+}
+
+FileList Store::filesMatching(const Condition& unordered) {
+  // Counts the rows of each indexed term up to kProbeLimit, to start from the
+  // rarest; a term without an index goes last (counting it would scan).
+  std::vector<std::int64_t> rows;
+  for (const Term& term : unordered.terms()) {
+    if (!isIndexed(term.name)) {
+      rows.push_back(kProbeLimit + 1);
+      continue;
+    }
+    std::string sql =
+        "SELECT count(*) FROM (SELECT 1 FROM tags WHERE name = " + sqlLiteral(term.name) +
+        (term.value ? " AND value = ?1" : "") + " LIMIT " + std::to_string(kProbeLimit) + ")";
+    Statement probe_statement(connection_, sql);
+    Query probe(probe_statement);
+    if (term.value) probe.bind(1, *term.value);
+    rows.push_back(probe.next() ? probe.integer(0) : 0);
+  }
+  Condition condition = unordered.reordered(rows);
+  Statement select(connection_, condition.selectSql());
+  Query q(select);
+  int index = 1;
+  for (const Term& term : condition.terms()) {
+    if (term.value) q.bind(index++, *term.value);
+  }
+  FileList files;
+  while (q.next()) files.emplace_back(q.integer(0), q.text(1));
+  return files;
+}
+
+std::vector<std::string> Store::pathsMatching(const Condition& condition) {
+  std::vector<std::string> paths;
+  for (auto& file : filesMatching(condition)) paths.push_back(std::move(file.second));
+  return paths;
+}
+
+FileList Store::filesBelowAfter(std::string_view path, std::string_view after, std::int64_t limit) {
+  Subtree s(path);
+  FileList files;
+  // The path itself sorts before everything below it, but outside the range
+  // (except for "/", whose range holds it).
+  if (after.empty() && s.exact < s.low) {
+    if (std::int64_t id = findFile(s.exact)) files.emplace_back(id, s.exact);
+  }
+  bool from_start = after < s.low;
+  Query q(statement(from_start ? kFilesFrom : kFilesAfter));
+  q.bind(1, from_start ? std::string_view(s.low) : after)
+      .bind(2, s.high)
+      .bind(3, limit - static_cast<std::int64_t>(files.size()));
+  while (q.next()) files.emplace_back(q.integer(0), q.text(1));
+  return files;
+}
+
+std::int64_t Store::count(const std::string& sql) {
+  Statement select(connection_, sql);
+  Query q(select);
+  return q.next() ? q.integer(0) : 0;
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> Store::countValues(std::string_view name) {
+  std::vector<std::pair<std::string, std::uint64_t>> counts;
+  Query q(statement(kCountValues));
+  q.bind(1, name);
+  while (q.next()) counts.emplace_back(q.text(0), static_cast<std::uint64_t>(q.integer(1)));
+  return counts;
+}
+
+// --- handle transaction ---
+
+void Store::begin() {
+  if (in_transaction_) {
+    if (!::sqlite3_get_autocommit(connection_.get())) return;
+    // SQLite rolled the transaction back after an error (disk full, I/O).
+    clearTransaction();
+    fail(Status::kFailed, "earlier uncommitted changes were lost after an error");
+  }
+  Query(statement(kBegin)).run();
+  in_transaction_ = true;
+}
+
+void Store::clearTransaction() noexcept {
+  in_transaction_ = false;
+  cached_path_.clear();
+  cached_id_ = 0;
+  touched_files_.clear();
+  touched_below_.clear();
+  changed_names_.clear();
+}
+
+void Store::commitTransaction() {
+  Query(statement(kCommit)).run();
+  clearTransaction();
+}
+
+void Store::rollback() noexcept {
+  if (!in_transaction_) return;
+  ::sqlite3_exec(connection_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+  clearTransaction();
+}
+
+std::int64_t Store::fileForWrite(std::string_view path) {
+  begin();
+  if (cached_id_ != 0 && path == cached_path_) return cached_id_;
+  // A path that getTag found unknown is most likely still unknown: insert
+  // first and look it up only when someone else inserted it meanwhile.
+  std::int64_t id = 0;
+  if (path == unknown_path_) {
+    Query(statement(kInsertFile)).bind(1, path).run();
+    if (::sqlite3_changes(connection_.get()) > 0)
+      id = ::sqlite3_last_insert_rowid(connection_.get());
+  }
+  if (id == 0) id = findFile(path);
+  if (id == 0) {
+    Query(statement(kInsertFile)).bind(1, path).run();
+    id = ::sqlite3_last_insert_rowid(connection_.get());
+  }
+  cached_path_.assign(path);
+  cached_id_ = id;
+  return id;
+}
+
+void Store::noteChange(std::int64_t file, std::string_view name) {
+  if (touched_files_.empty() || touched_files_.back() != file) touched_files_.push_back(file);
+  if (std::find(changed_names_.begin(), changed_names_.end(), name) == changed_names_.end())
+    changed_names_.emplace_back(name);
+}
+
+void Store::setTag(std::string_view path, std::string_view name, std::string_view value) {
+  std::int64_t id = fileForWrite(path);
+  Query(statement(kSetTag)).bind(1, id).bind(2, name).bind(3, value).run();
+  noteChange(id, name);
+}
+
+bool Store::deleteTag(std::string_view path, std::string_view name) {
+  begin();
+  std::int64_t id = cached_id_ != 0 && path == cached_path_ ? cached_id_ : findFile(path);
+  if (id == 0) return false;
+  Query(statement(kDeleteTag)).bind(1, id).bind(2, name).run();
+  if (::sqlite3_changes(connection_.get()) == 0) return false;
+  noteChange(id, name);
+  return true;
+}
+
+void Store::setTagBelow(std::string_view path, std::string_view name, std::string_view value) {
+  setTag(path, name, value);
+  Subtree s(path);
+  Query(statement(kSetTagBelow)).bind(1, name).bind(2, value).bind(3, s.low).bind(4, s.high).run();
+  touched_below_.emplace_back(path);
+}
+
+void Store::commit() {
+  if (!in_transaction_) return;
+  try {
+    if (::sqlite3_get_autocommit(connection_.get()))
+      fail(Status::kFailed, "uncommitted changes were lost after an error");
+    updateViews();
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+const std::vector<Store::View>& Store::loadViews() {
+  std::vector<View> views;
+  Query q(statement(kViews));
+  while (q.next()) {
+    View v{std::string(q.text(0)), std::string(q.text(2)), std::string(q.text(1)), {}};
+    auto cached = std::find_if(views_.begin(), views_.end(), [&](const View& c) {
+      return c.name == v.name && c.text == v.text && c.dir == v.dir;
+    });
+    if (cached != views_.end()) {
+      v.condition = cached->condition;
+    } else {
+      try {
+        v.condition = Condition::parse(v.text);
+      } catch (const Failure&) {
+        continue;  // not ours to judge here; setViewCondition refuses such text
+      }
+    }
+    views.push_back(std::move(v));
+  }
+  views_ = std::move(views);
+  return views_;
+}
+
+void Store::updateViews() {
+  if (changed_names_.empty()) return;
+  std::vector<const View*> affected;
+  for (const View& v : loadViews()) {
+    if (std::any_of(changed_names_.begin(), changed_names_.end(),
+                    [&](const std::string& name) { return v.condition.mentions(name); }))
+      affected.push_back(&v);
+  }
+  if (affected.empty()) return;
+  std::vector<std::int64_t> ids = touched_files_;
+  for (const std::string& path : touched_below_) {
+    Subtree s(path);
+    Query q(statement(kIdsBelow));
+    q.bind(1, s.low).bind(2, s.high);
+    while (q.next()) ids.push_back(q.integer(0));
+  }
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  for (std::int64_t id : ids) {
+    std::string path;
+    {
+      Query q(statement(kPathOf));
+      q.bind(1, id);
+      if (!q.next()) continue;
+      path.assign(q.text(0));
+    }
+    TagList tags = tagsOf(id);
+    std::string name = linkName(id, path);
+    // Link failures do not undo the tag change; the directory is set right
+    // again when its path is next asked for.
+    for (const View* v : affected) {
+      if (v->condition.matches(tags))
+        ensureLink(v->dir, name, path);
+      else
+        removeLink(v->dir, name);
+    }
+  }
+}
+
+// --- whole operations ---
+
+void Store::unlinkBelow(std::string_view path, const std::vector<View>& views) {
+  if (views.empty()) return;
+  for (const auto& [id, file] : filesBelow(path)) {
+    TagList tags = tagsOf(id);
+    for (const View& v : views) {
+      if (v.condition.matches(tags)) removeLink(v.dir, linkName(id, file));
+    }
+  }
+}
+
+void Store::deleteBelow(std::string_view path, const std::vector<View>& views) {
+  unlinkBelow(path, views);
+  Subtree s(path);
+  {
+    Query q(statement(kDeleteTagsBelow));
+    bindSubtree(q, s).run();
+  }
+  Query q(statement(kDeleteFilesBelow));
+  bindSubtree(q, s).run();
+}
+
+void Store::move(std::string_view from, std::string_view to) {
+  if (from == to) return;
+  if (isBelow(to, from) || isBelow(from, to))
+    fail(Status::kBadArgument, "cannot move " + std::string(from) + " to " + std::string(to));
+  begin();
+  try {
+    std::vector<View> views = loadViews();
+    // Like rename(2): whatever was known at the destination is replaced.
+    deleteBelow(to, views);
+    for (const auto& [id, old_path] : filesBelow(from)) {
+      std::string new_path = std::string(to) + old_path.substr(from.size());
+      if (!views.empty()) {
+        TagList tags = tagsOf(id);
+        for (const View& v : views) {
+          if (!v.condition.matches(tags)) continue;
+          removeLink(v.dir, linkName(id, old_path));
+          ensureLink(v.dir, linkName(id, new_path), new_path);
+        }
+      }
+      Query(statement(kRenameFile)).bind(1, id).bind(2, new_path).run();
+    }
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+void Store::remove(std::string_view path) {
+  begin();
+  try {
+    deleteBelow(path, loadViews());
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+void Store::dropFiles(const FileList& files) {
+  if (files.empty()) return;
+  begin();
+  try {
+    std::vector<View> views = loadViews();
+    for (const auto& [id, path] : files) {
+      TagList tags = views.empty() ? TagList() : tagsOf(id);
+      Query(statement(kDeleteFile)).bind(1, id).bind(2, path).run();
+      if (::sqlite3_changes(connection_.get()) == 0) continue;
+      Query(statement(kDeleteTagsOf)).bind(1, id).run();
+      for (const View& v : views) {
+        if (v.condition.matches(tags)) removeLink(v.dir, linkName(id, path));
+      }
+    }
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+std::string Store::reconcileView(std::string_view name) {
+  std::optional<std::string> text;
+  std::string dir;
+  {
+    Query q(statement(kViewGet));
+    q.bind(1, name);
+    if (!q.next()) fail(Status::kNotFound, "no view named " + std::string(name));
+    if (!q.isNull(0)) text = q.text(0);
+    dir = q.text(1);
+  }
+  std::map<std::string, std::string> wanted;
+  if (text) {
+    for (auto& [id, path] : filesMatching(Condition::parse(*text)))
+      wanted.emplace(linkName(id, path), std::move(path));
+  }
+  reconcileDirectory(dir, wanted);
+  return dir;
+}
+
+void Store::createView(std::string_view name) {
+  if (!isValidViewName(name)) fail(Status::kBadArgument, "bad view name");
+  std::string dir = location_->views_root + '/' + std::string(name);
+  begin();
+  try {
+    // An existing view of that name (say, left by a process that died) is
+    // taken over as it is.
+    Query(statement(kViewInsert)).bind(1, name).bind(2, dir).run();
+    reconcileView(name);
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+bool Store::isIndexed(std::string_view tag) {
+  Query q(statement(kIndexedTag));
+  q.bind(1, tag);
+  return q.next();
+}
+
+void Store::ensureIndexed(std::string_view tag) {
+  if (isIndexed(tag)) return;
+  Query(statement(kAddIndexedTag)).bind(1, tag).run();
+  std::int64_t id = ::sqlite3_last_insert_rowid(connection_.get());
+  connection_.exec("CREATE INDEX IF NOT EXISTS tags_value_" + std::to_string(id) +
+                   " ON tags(value) WHERE name = " + sqlLiteral(tag));
+}
+
+void Store::setViewCondition(std::string_view name, std::string_view condition) {
+  Condition parsed = Condition::parse(condition);  // refuse bad text before touching anything
+  begin();
+  try {
+    // Only values are worth an index: a view starts from its rarest value
+    // term and checks the others file by file.
+    for (const Term& term : parsed.terms()) {
+      if (term.value) ensureIndexed(term.name);
+    }
+    Query(statement(kViewSetCondition)).bind(1, name).bind(2, condition).run();
+    if (::sqlite3_changes(connection_.get()) == 0)
+      fail(Status::kNotFound, "no view named " + std::string(name));
+    reconcileView(name);
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+std::string Store::viewDirectory(std::string_view name) {
+  begin();
+  try {
+    std::string dir = reconcileView(name);
+    commitTransaction();
+    return dir;
+  } catch (...) {
+    rollback();
+    throw;
+  }
+}
+
+void Store::deleteView(std::string_view name) {
+  std::string dir;
+  begin();
+  try {
+    {
+      Query q(statement(kViewGet));
+      q.bind(1, name);
+      if (!q.next()) fail(Status::kNotFound, "no view named " + std::string(name));
+      dir = q.text(1);
+    }
+    Query(statement(kViewDelete)).bind(1, name).run();
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+  // No committer touches the directory of a view that is gone.
+  removeViewDirectory(dir);
+}
+
+}  // namespace zibd::kord

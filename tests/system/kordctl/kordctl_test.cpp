@@ -1,0 +1,153 @@
+// kordctl as people and profilers run it: output formats, messages, exit codes,
+// and views kept right by changes it makes from its own process.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/subprocess.h"
+#include "tests/unit/kord/kord_fixture.h"
+
+namespace zibd::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class KordctlTest : public KordTest {
+ protected:
+  // Runs kordctl with the sandbox's environment (inherited from this process).
+  static Result kordctl(std::vector<std::string> args) {
+    args.insert(args.begin(), KORDCTL_PATH);
+    return run(std::move(args));
+  }
+
+  // An error is exactly one line on standard error and nothing on standard output.
+  static void expectOneLineError(const Result& r, int status, const std::string& text) {
+    EXPECT_EQ(r.status, status) << r.err;
+    EXPECT_THAT(r.err, StartsWith("kordctl: "));
+    EXPECT_THAT(r.err, HasSubstr(text));
+    EXPECT_EQ(r.out, "");
+  }
+};
+
+TEST_F(KordctlTest, PrintsTagsFilesQueriesAndStats) {
+  configure();
+  tag(at("p1/b.mp4"), {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "0"}});
+  tag(at("p1/a.mp3"), {{".s.tbp", "1"}, {".s.filetype", "STDAUDIO"}, {".s.batchidx", "0"}});
+  tag(at("p2/c.mp4"), {{".s.filetype", "STDVIDEO"}, {".s.mdt", "20240101000000"}});
+
+  Result r = kordctl({"tags", at("p1/b.mp4")});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, ".s.batchidx=0\n.s.filetype=STDVIDEO\n.s.tbp=1\n");
+
+  r = kordctl({"files"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, at("p1/a.mp3") + "\n" + at("p1/b.mp4") + "\n" + at("p2/c.mp4") + "\n");
+  r = kordctl({"files", at("p2") + "/"});
+  EXPECT_EQ(r.out, at("p2/c.mp4") + "\n");
+
+  r = kordctl({"query", "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and @.s.batchidx@='0'"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, at("p1/b.mp4") + "\n");
+  r = kordctl({"query", "@.s.filetype@='STDIMAGE'"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+
+  r = kordctl({"stats"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "files 3\n.s.tbp 2\n.s.filetype=STDAUDIO 1\n.s.filetype=STDVIDEO 2\n");
+}
+
+TEST_F(KordctlTest, SetAndDelChangeOneTagForEveryone) {
+  configure();
+  Result r = kordctl({"set", at("p1/x.mp4"), ".s.tbp", "1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out + r.err, "");
+  r = kordctl({"set", at("p1/x.mp4"), ".s.note", "with spaces = and 'quotes'"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(tagsOf(at("p1/x.mp4")), ".s.note=with spaces = and 'quotes' .s.tbp=1");
+  r = kordctl({"del", at("p1/x.mp4"), ".s.tbp"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(tagsOf(at("p1/x.mp4")), ".s.note=with spaces = and 'quotes'");
+}
+
+TEST_F(KordctlTest, ExitCodesAndMessages) {
+  expectOneLineError(kordctl({"stats"}), 2, "no database configured");
+  expectOneLineError(kordctl({"set", at("p1/a.mp4"), "n", "v"}), 2, "no database configured");
+  configure();
+  tag(at("p1/a.mp4"), {{".s.tbp", "1"}});
+
+  expectOneLineError(kordctl({"tags", at("p1/unknown.mp4")}), 1, "not in the database");
+  expectOneLineError(kordctl({"del", at("p1/a.mp4"), ".s.mdt"}), 1, "has no tag .s.mdt");
+  expectOneLineError(kordctl({"query", "@.s.tbp@ exists or @x@ exists"}), 2, "bad condition");
+  expectOneLineError(kordctl({"set", "/etc/passwd", "n", "v"}), 2, "not below the database root");
+  expectOneLineError(kordctl({"set", at("p1/a.mp4"), "", "v"}), 2, "empty tag name");
+  expectOneLineError(kordctl({"--db", sandbox_ / "missing.db", "files"}), 2, "cannot use database");
+
+  // Usage errors point at --help.
+  for (const auto& args : std::vector<std::vector<std::string>>{{},
+                                                                {"frobnicate"},
+                                                                {"tags"},
+                                                                {"set", at("p1/a.mp4"), "n"},
+                                                                {"stats", "extra"},
+                                                                {"--bogus", "stats"},
+                                                                {"--db"}}) {
+    Result r = kordctl(args);
+    EXPECT_EQ(r.status, 2) << ::testing::PrintToString(args);
+    EXPECT_THAT(r.err, HasSubstr("Try 'kordctl --help'.")) << ::testing::PrintToString(args);
+    EXPECT_EQ(r.out, "");
+  }
+  Result help = kordctl({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, StartsWith("usage: kordctl"));
+  EXPECT_EQ(help.err, "");
+
+  // Hostile input is refused, never a crash.
+  for (const auto& args :
+       std::vector<std::vector<std::string>>{{"tags", std::string(100000, 'a')},
+                                             {"query", std::string(5000, '@')},
+                                             {"query", "@" + std::string(100000, 'x') + "@ exists"},
+                                             {"set", at("p1/a.mp4"), "n", std::string(100000, 'v')},
+                                             {"files", "relative/../../dir"}}) {
+    Result r = kordctl(args);
+    EXPECT_TRUE(r.status == 0 || r.status == 1 || r.status == 2) << r.status << " " << r.err;
+  }
+  EXPECT_EQ(tagsOf(at("p1/a.mp4")), ".s.tbp=1 n=" + std::string(100000, 'v'));
+}
+
+TEST_F(KordctlTest, DbOptionUsesThatFileForEveryPath) {
+  configure();
+  tag(at("p1/a.mp4"), {{".s.tbp", "1"}});
+  ::unsetenv(kord::kIniEnv);  // the gateway's path: absent on a development host
+  Result r = kordctl({"--db", database(), "files"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, at("p1/a.mp4") + "\n");
+  r = kordctl({"--db=" + database(), "set", "/anywhere/b.mp4", "k", "v"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = kordctl({"--db", database(), "tags", "/anywhere/b.mp4"});
+  EXPECT_EQ(r.out, "k=v\n");
+}
+
+TEST_F(KordctlTest, ChangesMadeByKordctlKeepViewsRight) {
+  configure();
+  tag(at("p1/a.mp4"), {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "0"}});
+  tag(at("p1/b.mp4"), {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "1"}});
+  const char* view = "zibprof.7.STDVIDEO.0.1";
+  ASSERT_EQ(kord_view_create(view), 0);
+  ASSERT_EQ(kord_view_set_cond(view,
+                               "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and "
+                               "@.s.batchidx@='0'"),
+            0);
+  char dir[100];
+  ASSERT_NE(kord_view_get_path(view, dir, sizeof dir), 0);
+  ASSERT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4")));
+
+  // A profiler moves b into the batch and takes a out, from its own process.
+  ASSERT_EQ(kordctl({"set", at("p1/b.mp4"), ".s.batchidx", "0"}).status, 0);
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4"), at("p1/b.mp4")));
+  ASSERT_EQ(kordctl({"del", at("p1/a.mp4"), ".s.tbp"}).status, 0);
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/b.mp4")));
+}
+
+}  // namespace
+}  // namespace zibd::test

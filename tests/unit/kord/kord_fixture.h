@@ -1,0 +1,126 @@
+// A sandboxed tag store: the configuration file, the update signal and the
+// view directories live in the test's temporary directory, and the database
+// covers <sandbox>/uuidmount.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/kord/kord_host.h"
+#include "platform/kord.h"
+#include "tests/support/sandbox.h"
+
+namespace zibd::test {
+
+struct HandleCloser {
+  void operator()(kord_bulk_t* h) const { kord_bulk_fini(h); }
+};
+using Handle = std::unique_ptr<kord_bulk_t, HandleCloser>;
+
+class KordTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    ::setenv(kord::kIniEnv, ini().c_str(), 1);
+    ::setenv(kord::kUpdateEnv, update().c_str(), 1);
+    ::setenv(kord::kViewsEnv, (sandbox_ / "views").c_str(), 1);
+    sandbox_.write("update");
+    sandbox_.mkdirs("uuidmount/p1");
+    sandbox_.mkdirs("uuidmount/p2");
+  }
+
+  std::string ini() const { return sandbox_ / "kord.ini"; }
+  std::string update() const { return sandbox_ / "update"; }
+  std::string root() const { return sandbox_ / "uuidmount"; }
+  // A path below the root.
+  std::string at(const std::string& relative) const { return root() + "/" + relative; }
+  std::string database(const std::string& partition = "p1") const {
+    return at(partition + "/.kord/tagdb");
+  }
+
+  // Writes the line the daemon writes when it chooses a partition.
+  void configure(const std::string& partition = "p1", const std::string& seconds = "1700000000") {
+    sandbox_.write("kord.ini",
+                   "dms-metadata-db-" + seconds + ":" + root() + ":" + database(partition) + "\n");
+  }
+
+  // Opens and closes the update file, as the daemon does after every change.
+  void signalUpdate() const {
+    int fd = ::open(update().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+  }
+
+  static Handle open() {
+    Handle h(kord_bulk_init());
+    EXPECT_TRUE(h);
+    return h;
+  }
+
+  // Sets tags on one file through a fresh handle and commits.
+  static void tag(const std::string& path, const std::map<std::string, std::string>& tags) {
+    Handle h = open();
+    ASSERT_EQ(kord_bulk_setpath(h.get(), path.c_str()), 0) << kord::lastError().message;
+    for (const auto& [name, value] : tags)
+      ASSERT_EQ(kord_bulk_settag(h.get(), name.c_str(), value.c_str()), 0);
+    ASSERT_EQ(kord_bulk_commit(h.get()), 0);
+  }
+
+  // The file's tags as NAME=VALUE, or "unknown".
+  static std::string tagsOf(const std::string& path) {
+    std::vector<std::pair<std::string, std::string>> tags;
+    kord::Status s = kord::listTags(path, &tags);
+    if (s == kord::Status::kNotFound) return "unknown";
+    if (s != kord::Status::kOk) return "error: " + kord::lastError().message;
+    std::string text;
+    for (const auto& [name, value] : tags) text += (text.empty() ? "" : " ") + name + "=" + value;
+    return text;
+  }
+
+  // One tag through a fresh handle; "absent" when gettag fails.
+  static std::string getTag(const std::string& path, const char* name) {
+    Handle h = open();
+    if (kord_bulk_setpath(h.get(), path.c_str()) != 0) return "setpath failed";
+    char value[256];
+    if (kord_bulk_gettag(h.get(), name, value, sizeof value) != 0) return "absent";
+    return value;
+  }
+
+  static std::vector<std::string> files(const std::string& under = "/") {
+    std::vector<std::string> paths;
+    EXPECT_EQ(kord::listFiles(under, &paths), kord::Status::kOk) << kord::lastError().message;
+    return paths;
+  }
+};
+
+// The symbolic links in a directory: name -> target.
+inline std::map<std::string, std::string> linksIn(const std::string& dir) {
+  std::map<std::string, std::string> links;
+  DIR* d = ::opendir(dir.c_str());
+  if (!d) return links;
+  while (const struct dirent* e = ::readdir(d)) {
+    std::string path = dir + "/" + e->d_name;
+    char target[4096];
+    ssize_t n = ::readlink(path.c_str(), target, sizeof target);
+    if (n >= 0) links[e->d_name] = std::string(target, static_cast<std::size_t>(n));
+  }
+  ::closedir(d);
+  return links;
+}
+
+// Just the targets, sorted.
+inline std::vector<std::string> linkTargets(const std::string& dir) {
+  std::vector<std::string> targets;
+  for (const auto& [name, target] : linksIn(dir)) targets.push_back(target);
+  std::sort(targets.begin(), targets.end());
+  return targets;
+}
+
+}  // namespace zibd::test
