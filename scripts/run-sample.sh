@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds zibd and runs it on the sandboxed sample
+# gateway (see scripts/sample-gateway.sh; pass --shell for a shell inside).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+scripts/build.sh host
+exec scripts/sandbox.sh scripts/sample-gateway.sh "$@"
