@@ -9,7 +9,7 @@ packages=(
   libsqlite3-dev sqlite3
   g++-mips-linux-gnu qemu-user
   libfaketime faketime
-  util-linux procps
+  util-linux mount procps
 )
 
 missing=()
