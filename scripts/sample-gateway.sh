@@ -10,7 +10,8 @@ cd "$(dirname "$0")/.."
 [ "${ZIBD_IN_SANDBOX:-}" = 1 ] || { echo "sample-gateway.sh runs inside scripts/sandbox.sh" >&2; exit 2; }
 
 build=${ZIBD_BUILD_DIR:-build/host}
-export PATH="$PWD/$build/frame:$PWD/$build/tools/rilld:$PWD/$build/tools/rillctl:$PWD/$build/tools/kordctl:$PATH"
+[[ $build = /* ]] || build=$PWD/$build
+export PATH="$build/frame:$build/tools/rilld:$build/tools/rillctl:$build/tools/kordctl:$PATH"
 export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
 
 # Partition contents: a few small files of each kind (content does not matter

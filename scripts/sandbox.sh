@@ -5,10 +5,12 @@
 #
 #   scripts/sandbox.sh COMMAND [ARG]...
 #
-# The sandbox is a new mount namespace (a user namespace too when not root)
-# whose root is a tmpfs: the host's top-level directories are bound into it,
-# except /tmp, /run, /var, /rw and /mnt, which are new empty tmpfs mounts.
-# The command runs in the current directory (which must be under a bound one).
+# The sandbox is a new mount and PID namespace (a user namespace too when not
+# root) whose root is a tmpfs: the host's top-level directories are bound into
+# it, except /tmp, /run, /var, /rw and /mnt, which are new empty tmpfs mounts,
+# and /proc, which shows the sandbox's own processes. Every process left in
+# the sandbox ends with it. The command runs in the current directory (which
+# must be under a bound one).
 set -euo pipefail
 (($#)) || { echo "usage: sandbox.sh COMMAND [ARG]..." >&2; exit 2; }
 
@@ -16,7 +18,7 @@ if [ "${ZIBD_IN_SANDBOX:-}" != 1 ]; then
   userns=()
   [ "$(id -u)" -eq 0 ] || userns=(--user --map-root-user)
   export ZIBD_IN_SANDBOX=1
-  exec unshare "${userns[@]}" --mount --propagation private "$0" "$@"
+  exec unshare "${userns[@]}" --mount --propagation private --pid --fork "$0" "$@"
 fi
 
 # The new root is staged on /mnt, which this namespace alone sees shadowed.
@@ -30,10 +32,12 @@ for entry in /*; do
   fi
   [ -d "$entry" ] || continue
   case "$name" in
-    tmp|run|var|rw|mnt|lost+found) ;;
+    tmp|run|var|rw|mnt|proc|lost+found) ;;
     *) mkdir "$root/$name" && mount --rbind "$entry" "$root/$name" ;;
   esac
 done
+mkdir "$root/proc"
+mount -t proc zibd-proc "$root/proc"
 for name in tmp run var rw mnt; do
   mkdir "$root/$name"
   mount -t tmpfs -o mode=1777 "zibd-$name" "$root/$name"
