@@ -72,7 +72,14 @@ void loadTypeMap(const std::string& path) {
     std::exit(EXIT_FAILURE);
   }
   const int bad_line = g_daemon.type_map.load(file.get());
+  // fopen accepts a directory and only the reads fail: a map that cannot be
+  // read is as unusable as one that cannot be opened.
+  const bool unreadable = std::ferror(file.get()) != 0;
   file.reset();
+  if (unreadable) {
+    std::fprintf(stderr, "Could not open %s for reading\n", path.c_str());
+    std::exit(EXIT_FAILURE);
+  }
   if (bad_line != 0) {
     std::fprintf(stderr, "Parse error on line %d of %s\n", bad_line, path.c_str());
     std::exit(EXIT_FAILURE);

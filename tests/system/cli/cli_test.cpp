@@ -131,10 +131,12 @@ TEST_F(CliTest, MissingMapOptionPrintsTheUsage) {
 }
 
 TEST_F(CliTest, UnreadableMapFails) {
-  const std::string missing = sandbox_ / "missing.ini";
-  const test::Result r = zibd({"-t", missing});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "Could not open " + missing + " for reading\n");
+  sandbox_.mkdirs("directory.ini");
+  for (const std::string& map : {sandbox_ / "missing.ini", sandbox_ / "directory.ini"}) {
+    const test::Result r = zibd({"-t", map});
+    EXPECT_EQ(r.status, 1) << map;
+    EXPECT_EQ(r.err, "Could not open " + map + " for reading\n");
+  }
 }
 
 TEST_F(CliTest, ParseErrorNamesLineAndFile) {
