@@ -9,8 +9,8 @@
 # root) whose root is a tmpfs: the host's top-level directories are bound into
 # it, except /tmp, /run, /var, /rw and /mnt, which are new empty tmpfs mounts,
 # and /proc, which shows the sandbox's own processes. Every process left in
-# the sandbox ends with it. The command runs in the current directory (which
-# must be under a bound one).
+# the sandbox ends with it. The command runs in the current directory; it and
+# the repository are bound in at their own paths.
 set -euo pipefail
 (($#)) || { echo "usage: sandbox.sh COMMAND [ARG]..." >&2; exit 2; }
 
@@ -44,6 +44,18 @@ for name in tmp run var rw mnt; do
 done
 mkdir -p "$root/var/uuidmount" "$root/var/kord/meta" "$root/tmp/.kord"
 ln -s /run "$root/var/run"
+
+# The repository and the current directory stay visible at their own paths,
+# also when they lie below one of the directories replaced above.
+repo=$(cd "$(dirname "$0")/.." && pwd)
+for keep in "$repo" "$PWD"; do
+  case "$keep" in
+    /tmp/*|/run/*|/var/*|/rw/*)
+      if ! mountpoint -q "$root$keep"; then
+        mkdir -p "$root$keep" && mount --rbind "$keep" "$root$keep"
+      fi ;;
+  esac
+done
 
 cwd=$PWD
 exec chroot "$root" /bin/sh -c 'cd "$1" && shift && exec "$@"' sandbox "$cwd" "$@"
