@@ -133,6 +133,13 @@ void requireArgument(const void* p, const char* what) {
   if (!p) fail(Status::kBadArgument, std::string(what) + " is NULL");
 }
 
+// A tag to write: a non-empty name and a value.
+void requireTag(const char* name, const char* value) {
+  requireArgument(name, "name");
+  requireArgument(value, "value");
+  if (!*name) fail(Status::kBadArgument, "empty tag name");
+}
+
 std::string_view canonicalPath(const char* path) {
   requireArgument(path, "path");
   if (!isCanonical(path))
@@ -252,9 +259,7 @@ extern "C" int kord_bulk_gettag(kord_bulk_t* handle, const char* name, char* val
 extern "C" int kord_bulk_settag(kord_bulk_t* handle, const char* name, const char* value) {
   return guarded([&] {
     Store& store = zibd::kord::selected(handle);
-    zibd::kord::requireArgument(name, "name");
-    zibd::kord::requireArgument(value, "value");
-    if (!*name) fail(Status::kBadArgument, "empty tag name");
+    zibd::kord::requireTag(name, value);
     store.setTag(handle->path, name, value);
     return 0;
   });
@@ -264,9 +269,7 @@ extern "C" int kord_bulk_settag_recursive(kord_bulk_t* handle, const char* name,
                                           const char* value) {
   return guarded([&] {
     Store& store = zibd::kord::selected(handle);
-    zibd::kord::requireArgument(name, "name");
-    zibd::kord::requireArgument(value, "value");
-    if (!*name) fail(Status::kBadArgument, "empty tag name");
+    zibd::kord::requireTag(name, value);
     store.setTagBelow(handle->path, name, value);
     return 0;
   });

@@ -51,4 +51,8 @@ T guarded(T fallback, F&& f) noexcept {
 std::unique_ptr<dynstr> makeDynstr(const std::optional<std::string>& text);
 void appendItems(llist* list, const std::vector<Item>& items);
 
+// Hands a read's answer to reply_fn: a reply holding items, or NULL when the
+// read failed (ok false). Returns reply_fn's result.
+int deliverReply(bool ok, const std::vector<Item>& items, rill_reply_fn reply_fn, void* context);
+
 }  // namespace zibd::rill

@@ -50,16 +50,8 @@ int cs_find_parameters_of_obj_instances(rill_conn_t* conn, const char* object_pa
     auto reply = call(conn, std::move(request));
     if (!reply) return kLost;
     if (error) *error = static_cast<int>(reply->status);
-    if (!reply_fn) return 0;
-    if (reply->status != Status::kOk) {
-      reply_fn(nullptr, context);
-      return 0;
-    }
-    llist items;
-    zibd::rill::appendItems(&items, reply->items);
-    rill_reply_t answer;
-    answer.items = &items;
-    reply_fn(&answer, context);
+    if (reply_fn)
+      zibd::rill::deliverReply(reply->status == Status::kOk, reply->items, reply_fn, context);
     return 0;
   });
 }

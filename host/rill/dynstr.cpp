@@ -27,6 +27,15 @@ void appendItems(llist* list, const std::vector<Item>& items) {
   }
 }
 
+int deliverReply(bool ok, const std::vector<Item>& items, rill_reply_fn reply_fn, void* context) {
+  if (!ok) return reply_fn(nullptr, context);
+  llist list;
+  appendItems(&list, items);
+  rill_reply_t reply;
+  reply.items = &list;
+  return reply_fn(&reply, context);
+}
+
 namespace {
 
 // The whole text as a decimal number of type T: no blanks, no "+", no

@@ -50,14 +50,10 @@ void addAnswers(llist* answers, const Request& request, const Reply& reply) {
 // Calls the reply callback for a read's answer. The connection is not locked
 // here, so the callback may use it.
 int deliverRead(const Reply& reply, rill_reply_fn reply_fn, void* context) {
-  if (reply.status != Status::kOk) return reply_fn ? reply_fn(nullptr, context) : statusCode(reply.status);
-  if (!reply_fn) return 0;
-  llist items;
-  zibd::rill::appendItems(&items, reply.items);
-  rill_reply_t answer;
-  answer.items = &items;
-  reply_fn(&answer, context);
-  return 0;
+  const bool ok = reply.status == Status::kOk;
+  if (!reply_fn) return ok ? 0 : statusCode(reply.status);
+  const int rc = zibd::rill::deliverReply(ok, reply.items, reply_fn, context);
+  return ok ? 0 : rc;
 }
 
 // Runs every request of the command in order. Errors of requests other than
