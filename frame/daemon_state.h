@@ -1,6 +1,8 @@
 // The daemon state record shared by every thread.
 #pragma once
 
+#include <signal.h>
+
 #include <atomic>
 #include <thread>
 
@@ -37,6 +39,9 @@ struct DaemonState {
   // thread's loop waits on its read end. Non-blocking, so that the handler
   // never blocks however many signals arrive.
   Pipe termination_pipe;
+  // The main thread keeps the termination signals blocked and waits with
+  // this mask, which lets them in (see blockTerminationSignals).
+  sigset_t termination_wait_mask{};
 };
 
 // The one daemon state. It is never destroyed: a failed start-up exits while

@@ -96,16 +96,16 @@ void daemonize(const std::string& program) {
 }
 
 void installSignalHandler() {
+  if (blockTerminationSignals(&g_daemon.termination_wait_mask) != 0)
+    failStartupWithErrno("pthread_sigmask");
   if (installTerminationHandler() != 0) failStartupWithErrno("sigaction");
 }
 
-// True once a termination signal has been handled. Waits with poll rather
-// than select: ThreadSanitizer defers a signal that arrives during select and
-// delivers it only after some other intercepted call, so a loop of selects
-// would never see it; poll has no such gap (and no FD_SETSIZE limit).
+// True once a termination signal has been handled. The signals are blocked
+// except inside this ppoll, so none can slip in before the wait begins.
 bool terminationSignalled() {
   struct pollfd termination = {g_daemon.termination_pipe.read_end.get(), POLLIN, 0};
-  const int ready = ::poll(&termination, 1, -1);
+  const int ready = ::ppoll(&termination, 1, nullptr, &g_daemon.termination_wait_mask);
   if (ready < 0) return errno != EINTR;  // a broken wait cannot be resumed: stop
   return ready > 0 && g_daemon.running.load() == 0;
 }

@@ -27,6 +27,21 @@ void onTerminationSignal(int) {
 
 }  // namespace
 
+int blockTerminationSignals(sigset_t* wait_mask) {
+  sigset_t termination;
+  sigemptyset(&termination);
+  for (int sig : kTerminationSignals) sigaddset(&termination, sig);
+  sigset_t previous;
+  const int rc = ::pthread_sigmask(SIG_BLOCK, &termination, &previous);
+  if (rc != 0) {
+    errno = rc;
+    return -1;
+  }
+  *wait_mask = previous;
+  for (int sig : kTerminationSignals) sigdelset(wait_mask, sig);
+  return 0;
+}
+
 int installTerminationHandler() {
   struct sigaction action {};
   action.sa_handler = onTerminationSignal;

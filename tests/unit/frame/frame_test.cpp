@@ -1,6 +1,7 @@
 // Command line, termination signals and the host process helpers. The
 // command line as a whole is tested by starting the daemon (tests/system/cli).
 #include <fcntl.h>
+#include <poll.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -62,6 +63,31 @@ TEST_P(TerminationSignal, ClearsRunningAndWritesOneZeroByte) {
   // A second signal adds a second byte: nothing is coalesced or lost.
   ASSERT_EQ(::raise(GetParam()), 0);
   EXPECT_EQ(::read(g_daemon.termination_pipe.read_end.get(), bytes, sizeof bytes), 1);
+  g_daemon.termination_pipe.read_end.reset();
+  g_daemon.termination_pipe.write_end.reset();
+}
+
+// A signal sent while the daemon is busy must not be handled then (it could
+// be missed by the next wait) but by the wait itself, which it ends.
+TEST(TerminationSignalMask, SignalsWaitForTheWaitThatLetsThemIn) {
+  ASSERT_EQ(g_daemon.termination_pipe.open(O_NONBLOCK), 0);
+  g_daemon.running.store(1);
+  sigset_t original, wait_mask;
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &original), 0);
+  ASSERT_EQ(blockTerminationSignals(&wait_mask), 0);
+  ASSERT_EQ(installTerminationHandler(), 0);
+
+  ASSERT_EQ(::raise(SIGTERM), 0);
+  EXPECT_EQ(g_daemon.running.load(), 1) << "handled outside the wait";
+  EXPECT_EQ(sigismember(&wait_mask, SIGTERM), 0);
+
+  struct pollfd termination = {g_daemon.termination_pipe.read_end.get(), POLLIN, 0};
+  const int ready = ::ppoll(&termination, 1, nullptr, &wait_mask);
+  EXPECT_TRUE(ready == 1 || (ready < 0 && errno == EINTR)) << ready;
+  EXPECT_EQ(g_daemon.running.load(), 0);
+  EXPECT_EQ(::poll(&termination, 1, 0), 1) << "the pipe wakes the next wait";
+
+  ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &original, nullptr), 0);
   g_daemon.termination_pipe.read_end.reset();
   g_daemon.termination_pipe.write_end.reset();
 }
