@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -40,6 +41,7 @@ struct Conn {
   uint32_t owner = 0;   // kNotify: the client whose notifications this carries
   uint32_t notify = 0;  // kRequest: its notification connection, 0 for none
   std::string name;     // what the client called itself
+  std::string token;    // kRequest: proves ownership when attaching a notification connection
   bool dead = false;    // cut off or gone; closed at the end of the loop turn
 };
 
@@ -86,6 +88,35 @@ Reply success(const Request& request, int64_t number = 0) {
 
 Item valueItem(const Path& object, const std::string& name, const std::string& value) {
   return Item{format(object), name, value, 0};
+}
+
+// 128 random bits as hex: what a client shows to attach its notification
+// connection. Empty when the kernel gives no random bytes.
+std::string newToken() {
+  unsigned char bytes[16];
+  size_t got = 0;
+  while (got < sizeof bytes) {
+    ssize_t n = ::getrandom(bytes + got, sizeof bytes - got, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return {};
+    got += static_cast<size_t>(n);
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string token;
+  for (unsigned char b : bytes) {
+    token.push_back(kHex[b >> 4]);
+    token.push_back(kHex[b & 15]);
+  }
+  return token;
+}
+
+// Compares without stopping at the first difference, so that timing tells
+// nothing about how much of a guess was right.
+bool sameToken(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
 }
 
 }  // namespace
@@ -250,9 +281,14 @@ struct Broker::State {
     }
     c.role = Conn::Role::kRequest;
     switch (r.op) {
-      case Op::kHello:
+      case Op::kHello: {
         c.name = r.path;
-        return reply(c, success(r, c.id));
+        if (c.token.empty()) c.token = newToken();
+        if (c.token.empty()) return reply(c, failure(r, Status::kBadRequest, "no random bytes for a token"));
+        Reply hello = success(r, c.id);
+        hello.items.push_back(Item{{}, {}, c.token, 0});
+        return reply(c, std::move(hello));
+      }
       case Op::kGetValues:
         return reply(c, getValues(r));
       case Op::kSetValue:
@@ -294,12 +330,17 @@ struct Broker::State {
     }
   }
 
+  // Only the client itself can attach its notification connection: it proves
+  // that with the token its hello was answered with. Client numbers are
+  // small and guessable; the token is not. A wrong guess ends the connection.
   void attachNotify(Conn& c, const Request& r) {
     Conn* owner = r.number > 0 && r.number <= UINT32_MAX ? conn(static_cast<uint32_t>(r.number))
                                                           : nullptr;
     if (c.role != Conn::Role::kNew || !owner || owner == &c ||
-        owner->role == Conn::Role::kNotify) {
-      return reply(c, failure(r, Status::kBadRequest, "no such client"));
+        owner->role == Conn::Role::kNotify || owner->token.empty() || !r.value ||
+        !sameToken(*r.value, owner->token)) {
+      reply(c, failure(r, Status::kBadRequest, "no such client"));
+      return cutOff(c);
     }
     if (Conn* old = conn(owner->notify)) old->dead = true;  // the newest attachment wins
     owner->role = Conn::Role::kRequest;

@@ -156,6 +156,7 @@ bool Client::connect(const std::string& name, const std::string& socket_path) {
     return false;
   }
   id_ = static_cast<uint32_t>(reply->number);
+  token_ = reply->items.empty() ? std::string() : reply->items.front().value.value_or("");
   return true;
 }
 
@@ -165,6 +166,7 @@ bool Client::attachNotify() {
   Request attach;
   attach.op = Op::kAttachNotify;
   attach.number = id_;
+  attach.value = token_;
   auto reply = notifications_.call(attach);
   if (!reply || reply->status != Status::kOk) {
     notifications_.close();
@@ -177,6 +179,7 @@ void Client::close() {
   notifications_.close();
   requests_.close();
   id_ = 0;
+  token_.clear();
 }
 
 std::optional<Status> Client::lock(int timeout_s) {

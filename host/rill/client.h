@@ -86,6 +86,7 @@ class Client {
   Channel requests_;
   Channel notifications_;
   uint32_t id_ = 0;  // the broker's number for this client
+  std::string token_;  // shown to attach the notification connection
 };
 
 }  // namespace zibd::rill

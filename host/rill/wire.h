@@ -32,8 +32,9 @@ inline constexpr uint32_t kMaxFrame = 1024 * 1024;
 inline constexpr size_t kFrameHeader = 4;
 
 enum class Op : uint8_t {
-  kHello = 1,         // path = client name; reply number = client id
-  kAttachNotify = 2,  // number = client id: this connection carries its notifications
+  kHello = 1,         // path = client name; reply number = client id, one item: value = attach token
+  kAttachNotify = 2,  // number = client id, value = its attach token: this connection
+                      // carries its notifications
   kGetValues = 3,     // path = pattern; number bit kMustExist; reply items
   kSetValue = 4,      // path = object, name, value
   kSubscribe = 5,     // path = pattern, name = parameter or absent, number = mask; reply number = id

@@ -61,10 +61,13 @@ void BusTest::TearDown() {
   broker_.reset();
 }
 
-void BusTest::startBroker(const std::string& model, std::vector<std::string> extra_args) {
+void BusTest::startBroker(const std::string& model, std::vector<std::string> extra_args, int max_descriptors) {
   sandbox_.write("gateway.model", model);
   std::vector<std::string> argv{binary("rilld"), "--model", sandbox_ / "gateway.model"};
   argv.insert(argv.end(), extra_args.begin(), extra_args.end());
+  if (max_descriptors > 0) {
+    argv.insert(argv.begin(), {"/bin/sh", "-c", "ulimit -n " + std::to_string(max_descriptors) + " && exec \"$0\" \"$@\""});
+  }
   broker_ = std::make_unique<Process>(argv, env());
   ASSERT_TRUE(waitFor([&] { return accepts(socket_) || !broker_->running(); }));
   ASSERT_TRUE(broker_->running()) << broker_->err();

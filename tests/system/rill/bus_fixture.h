@@ -58,8 +58,10 @@ class BusTest : public SandboxTest {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts rilld with the model text and waits until it accepts clients.
-  void startBroker(const std::string& model = kGatewayModel, std::vector<std::string> extra_args = {});
+  // Starts rilld with the model text and waits until it accepts clients;
+  // max_descriptors > 0 starts it with that descriptor limit (ulimit -n).
+  void startBroker(const std::string& model = kGatewayModel, std::vector<std::string> extra_args = {},
+                   int max_descriptors = 0);
   Env env() const { return Env{{{"RILL_SOCKET", socket_}}}; }
   // rillctl with the given arguments, against this test's broker.
   Result ctl(std::vector<std::string> args);

@@ -1,0 +1,164 @@
+// A hostile local client against a real rilld: it speaks the wire protocol
+// directly and does what no library would, and the broker must go on serving
+// everybody else.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "common/file_descriptor.h"
+#include "host/rill/wire.h"
+#include "tests/support/wait_for.h"
+#include "tests/system/rill/bus_fixture.h"
+
+namespace zibd::test {
+namespace {
+
+using rill::Op;
+using rill::Reply;
+using rill::Request;
+using rill::Status;
+using namespace std::chrono_literals;
+
+// One raw connection that sends encoded requests and reads replies itself.
+class Hostile {
+ public:
+  explicit Hostile(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    connected_ = ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  }
+  bool connected() const { return connected_; }
+
+  // Queues a request (sent by flush()).
+  void queue(Request r) {
+    r.id = ++last_id_;
+    pending_ += rill::encode(r);
+  }
+  // Sends what is queued, reading replies meanwhile so that the broker never
+  // has to cut us off for not reading.
+  bool flush() {
+    size_t sent = 0;
+    while (sent < pending_.size()) {
+      pollfd pfd{fd_.get(), POLLIN | POLLOUT, 0};
+      if (::poll(&pfd, 1, 10000) <= 0) return false;
+      if (pfd.revents & POLLIN) {
+        if (!receive()) return false;
+      } else if (pfd.revents & POLLOUT) {
+        ssize_t n = ::send(fd_.get(), pending_.data() + sent, pending_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && errno != EAGAIN) return false;
+        if (n > 0) sent += static_cast<size_t>(n);
+      } else {
+        return false;
+      }
+    }
+    pending_.clear();
+    return true;
+  }
+  Reply call(Request r) {
+    queue(std::move(r));
+    EXPECT_TRUE(flush());
+    const uint32_t id = last_id_;
+    return awaitReply(id).value_or(Reply{0, Status::kBadRequest, "connection lost", 0, {}});
+  }
+  // Reads until the reply to request id arrives; the replies before it are in replies().
+  std::optional<Reply> awaitReply(uint32_t id) {
+    for (;;) {
+      for (auto it = replies_.begin(); it != replies_.end(); ++it) {
+        if (it->id == id) {
+          Reply r = *it;
+          replies_.erase(it);
+          return r;
+        }
+      }
+      pollfd pfd{fd_.get(), POLLIN, 0};
+      if (::poll(&pfd, 1, 20000) <= 0 || !receive()) return std::nullopt;
+    }
+  }
+  uint32_t lastId() const { return last_id_; }
+  std::vector<Reply>& replies() { return replies_; }
+
+  // Whether the broker hung up on us (reads and keeps anything else).
+  bool hungUp(std::chrono::milliseconds timeout = 10s) {
+    return waitFor([&] {
+      pollfd pfd{fd_.get(), POLLIN, 0};
+      return ::poll(&pfd, 1, 50) > 0 && !receive();
+    }, timeout);
+  }
+
+ private:
+  bool receive() {
+    char buffer[64 * 1024];
+    ssize_t n = ::recv(fd_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n < 0 && errno == EAGAIN) return true;
+    if (n <= 0) return false;
+    reader_.append(buffer, static_cast<size_t>(n));
+    std::string payload;
+    while (reader_.next(&payload) == rill::FrameReader::Result::kFrame) {
+      auto message = rill::decode(payload);
+      if (message && std::holds_alternative<Reply>(*message)) replies_.push_back(std::get<Reply>(*message));
+    }
+    return true;
+  }
+
+  FileDescriptor fd_;
+  bool connected_ = false;
+  std::string pending_;
+  uint32_t last_id_ = 0;
+  rill::FrameReader reader_;
+  std::vector<Reply> replies_;
+};
+
+Request request(Op op, std::string path = {}, int64_t number = 0) {
+  Request r;
+  r.op = op;
+  r.path = std::move(path);
+  r.number = number;
+  return r;
+}
+
+using HostileClientTest = BusTest;
+
+TEST_F(HostileClientTest, NoClientCanTakeOverAnotherClientsNotifications) {
+  startBroker();
+  rill_conn_t* victim = connect("victim");
+  auto ids = subscribe(victim, {{"VFS.MetaDataService", "ForceRescan", RILL_SUBSCRIBE_VALUE}});
+  ASSERT_EQ(ids.size(), 1u);
+  ASSERT_EQ(rill_invoke_get_client_writelock(victim, 0, -1), 0);
+
+  // Client numbers are small and count up: try every one below our own,
+  // and on a connection that got attached, send a request.
+  Hostile attacker(socket_);
+  Reply hello = attacker.call(request(Op::kHello, "attacker"));
+  ASSERT_EQ(hello.status, Status::kOk);
+  int attached = 0;
+  for (int64_t number = 1; number < hello.number; ++number) {
+    Hostile thief(socket_);
+    Request attach = request(Op::kAttachNotify, {}, number);
+    attach.value = "0123456789abcdef0123456789abcdef";  // a guessed token
+    if (thief.call(attach).status != Status::kOk) continue;
+    ++attached;
+    thief.call(request(Op::kStageGet));
+  }
+  EXPECT_EQ(attached, 0);
+
+  // The victim still holds the lock and still hears its notifications.
+  rill_conn_t* other = connect("other");
+  EXPECT_NE(rill_invoke_get_client_writelock(other, 0, -1), 0) << "the victim's write lock is gone";
+  ASSERT_EQ(ctl({"set", "VFS.MetaDataService.ForceRescan", "1"}).status, 0);
+  ASSERT_TRUE(awaitEvents(victim, 1));
+  ASSERT_EQ(events_.size(), 1u);
+  EXPECT_EQ(events_[0].subid, ids[0]);
+  std::vector<Flat> items;
+  EXPECT_EQ(read(victim, "VFS.MetaDataService", &items), 0);
+}
+
+}  // namespace
+}  // namespace zibd::test
