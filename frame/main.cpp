@@ -3,7 +3,6 @@
 // line on standard error and exits with status 1 without undoing anything.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include <string>
 
 #include "frame/command_line.h"
+#include "frame/daemon.h"
 #include "frame/daemon_state.h"
 #include "frame/signals.h"
 #include "platform/proc_lib.h"
@@ -44,8 +44,8 @@ std::string programName(int argc, char* argv[]) {
   return proc_lib_remove_path(argv[0]);
 }
 
-void createPipes() {
-  if (g_daemon.sync_pipe.open() != 0) failStartupWithErrno("sync pipe creation");
+void createPipes(Daemon& daemon) {
+  if (daemon.sync_pipe.open() != 0) failStartupWithErrno("sync pipe creation");
   if (g_daemon.termination_pipe.open(O_NONBLOCK) != 0)
     failStartupWithErrno("termination pipe creation");
 }
@@ -65,13 +65,13 @@ CommandLine readCommandLine(int argc, char* argv[], const std::string& program) 
   std::exit(EXIT_FAILURE);
 }
 
-void loadTypeMap(const std::string& path) {
+void loadTypeMap(Daemon& daemon, const std::string& path) {
   File file(std::fopen(path.c_str(), "re"));
   if (!file) {
     std::fprintf(stderr, "Could not open %s for reading\n", path.c_str());
     std::exit(EXIT_FAILURE);
   }
-  const int bad_line = g_daemon.type_map.load(file.get());
+  const int bad_line = daemon.type_map.load(file.get());
   // fopen accepts a directory and only the reads fail: a map that cannot be
   // read is as unusable as one that cannot be opened.
   const bool unreadable = std::ferror(file.get()) != 0;
@@ -101,29 +101,6 @@ void installSignalHandler() {
   if (installTerminationHandler() != 0) failStartupWithErrno("sigaction");
 }
 
-// True once a termination signal has been handled. The signals are blocked
-// except inside this ppoll, so none can slip in before the wait begins.
-bool terminationSignalled() {
-  struct pollfd termination = {g_daemon.termination_pipe.read_end.get(), POLLIN, 0};
-  const int ready = ::ppoll(&termination, 1, nullptr, &g_daemon.termination_wait_mask);
-  if (ready < 0) return errno != EINTR;  // a broken wait cannot be resumed: stop
-  return ready > 0 && g_daemon.running.load() == 0;
-}
-
-// The main thread's work until a termination signal arrives.
-void runMainLoop() {
-  while (!terminationSignalled()) {
-  }
-}
-
-void shutdown() {
-  g_daemon.type_map.clear();
-  g_daemon.sync_pipe.read_end.reset();
-  g_daemon.sync_pipe.write_end.reset();
-  g_daemon.termination_pipe.read_end.reset();
-  g_daemon.termination_pipe.write_end.reset();
-}
-
 }  // namespace
 }  // namespace zibd
 
@@ -131,13 +108,16 @@ int main(int argc, char* argv[]) {
   using namespace zibd;
   const std::string program = programName(argc, argv);
   g_daemon.running.store(1);
-  createPipes();
+  // A failed start-up step exits without unwinding, so threads that still
+  // use the daemon's objects never see them destroyed.
+  Daemon daemon;
+  createPipes(daemon);
   const CommandLine options = readCommandLine(argc, argv, program);
-  loadTypeMap(*options.map_path);
+  loadTypeMap(daemon, *options.map_path);
   lowerPriority();
   if (options.daemonize) daemonize(program);
   installSignalHandler();
-  runMainLoop();
-  shutdown();
+  daemon.runEventLoop();
+  daemon.shutdown();
   return EXIT_SUCCESS;
 }

@@ -5,4 +5,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh host
+export ZIBD_BUILD_DIR=${ZIBD_BUILD_DIR:-$PWD/build/host}
+export ZIBD_SANDBOX_KEEP=$ZIBD_BUILD_DIR
 exec scripts/sandbox.sh scripts/sample-gateway.sh "$@"

@@ -9,9 +9,22 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 [ "${ZIBD_IN_SANDBOX:-}" = 1 ] || { echo "sample-gateway.sh runs inside scripts/sandbox.sh" >&2; exit 2; }
 
+# The programs: ZIBD_PROGRAM, RILLD, RILLCTL and KORDCTL when given (the tests
+# give the paths their build made), else those of the build in ZIBD_BUILD_DIR
+# (default build/host). They are put on PATH through links in /run/bin.
 build=${ZIBD_BUILD_DIR:-build/host}
 [[ $build = /* ]] || build=$PWD/$build
-export PATH="$build/frame:$build/tools/rilld:$build/tools/rillctl:$build/tools/kordctl:$PATH"
+mkdir -p /run/bin
+for program in zibd:${ZIBD_PROGRAM:-$build/zibd} rilld:${RILLD:-$build/tools/rilld/rilld} \
+               rillctl:${RILLCTL:-$build/tools/rillctl/rillctl} kordctl:${KORDCTL:-$build/tools/kordctl/kordctl}; do
+  name=${program%%:*} path=${program#*:}
+  if [ -x "$path" ]; then
+    ln -sf "$path" "/run/bin/$name"
+  elif [ "$name" != kordctl ]; then
+    echo "sample-gateway.sh: $name not found at $path (build it: scripts/build.sh host)" >&2; exit 1
+  fi
+done
+export PATH="/run/bin:$PATH"
 export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
 
 # Partition contents: a few small files of each kind (content does not matter

@@ -9,8 +9,9 @@
 # root) whose root is a tmpfs: the host's top-level directories are bound into
 # it, except /tmp, /run, /var, /rw and /mnt, which are new empty tmpfs mounts,
 # and /proc, which shows the sandbox's own processes. Every process left in
-# the sandbox ends with it. The command runs in the current directory; it and
-# the repository are bound in at their own paths.
+# the sandbox ends with it. The command runs in the current directory; it, the
+# repository and every directory named in ZIBD_SANDBOX_KEEP (colon-separated,
+# e.g. a build directory under /tmp) stay visible at their own paths.
 set -euo pipefail
 (($#)) || { echo "usage: sandbox.sh COMMAND [ARG]..." >&2; exit 2; }
 
@@ -45,10 +46,14 @@ done
 mkdir -p "$root/var/uuidmount" "$root/var/kord/meta" "$root/tmp/.kord"
 ln -s /run "$root/var/run"
 
-# The repository and the current directory stay visible at their own paths,
-# also when they lie below one of the directories replaced above.
+# The repository, the current directory and ZIBD_SANDBOX_KEEP stay visible at
+# their own paths, also when they lie below one of the directories replaced
+# above.
 repo=$(cd "$(dirname "$0")/.." && pwd)
-for keep in "$repo" "$PWD"; do
+IFS=: read -r -a extra <<<"${ZIBD_SANDBOX_KEEP:-}"
+for keep in "$repo" "$PWD" "${extra[@]}"; do
+  [ -n "$keep" ] || continue
+  keep=$(cd "$keep" && pwd -P) || { echo "sandbox.sh: cannot keep $keep" >&2; exit 2; }
   case "$keep" in
     /tmp/*|/run/*|/var/*|/rw/*)
       if ! mountpoint -q "$root$keep"; then

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 variants=("$@")
-((${#variants[@]})) || variants=(host asan tsan mips)
+((${#variants[@]})) || variants=(layers host asan tsan tsa mips)
 
 # ThreadSanitizer cannot map its shadow memory with the kernel's largest
 # address-space randomisation; run its tests with randomisation off.
@@ -20,7 +20,17 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 failed=()
 for v in "${variants[@]}"; do
+  if [ "$v" = layers ]; then
+    echo "=== layers: include check"
+    scripts/check-layers.sh || failed+=("$v")
+    continue
+  fi
   echo "=== $v: build"
+  if [ "$v" = tsa ]; then
+    # A compile, not a test run: the lock annotations are checked by clang.
+    scripts/build.sh tsa || failed+=("$v")
+    continue
+  fi
   scripts/build.sh "$v"
   echo "=== $v: test"
   labels=()

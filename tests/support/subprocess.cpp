@@ -15,14 +15,14 @@
 namespace zibd::test {
 
 std::string binary(const std::string& name) {
-  // A tool in tools/NAME/ is built as tools/NAME/NAME; tools/NAME itself is
-  // then a directory, which must not be taken for the program.
-  for (std::string dir : {"/tools/" + name + "/", std::string("/tools/"), std::string("/frame/"),
-                          std::string("/host/rill/"), std::string("/host/kord/"),
-                          std::string("/bench/"), std::string("/")}) {
-    std::string p = std::string(ZIBD_BINARY_DIR) + dir + name;
-    struct stat st;
-    if (::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(p.c_str(), X_OK) == 0) return p;
+  // ZIBD_PROGRAMS is "name=path|name=path|..." from the build's own targets.
+  const std::string programs = ZIBD_PROGRAMS;
+  const std::string key = name + "=";
+  for (size_t at = 0; at < programs.size();) {
+    size_t end = programs.find('|', at);
+    if (end == std::string::npos) end = programs.size();
+    if (programs.compare(at, key.size(), key) == 0) return programs.substr(at + key.size(), end - at - key.size());
+    at = end + 1;
   }
   throw std::runtime_error("program not built: " + name);
 }

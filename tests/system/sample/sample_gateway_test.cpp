@@ -14,11 +14,10 @@ using ::testing::HasSubstr;
 // Inside the sandbox: start the gateway, look at it, stop zibd as Ctrl-C
 // would, and report what the gateway script exited with.
 constexpr char kProbe[] = R"sh(
-rillctl=$ZIBD_BUILD_DIR/tools/rillctl/rillctl
 "$ZIBD_SOURCE_DIR"/scripts/sample-gateway.sh >/tmp/gateway.log 2>&1 &
 gateway=$!
 for _ in $(seq 200); do pgrep -x zibd >/dev/null && break; sleep 0.05; done
-RILL_SOCKET=/run/rill.sock "$rillctl" get 'Storage.*.Partition.MountPoint'
+RILL_SOCKET=/run/rill.sock "$RILLCTL" get 'Storage.*.Partition.MountPoint'
 ls /var/uuidmount/4f2a-91c3/Media/Movies
 echo "nice=$(ps -o ni= -C zibd | tr -d ' ')"
 pkill -INT -x zibd
@@ -28,10 +27,23 @@ echo "gateway exit=$?"
 cat /tmp/gateway.log
 )sh";
 
+std::string dirName(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+// The programs this build made, wherever the build directory lies.
+Env gatewayEnv() {
+  const std::string zibd = binary("zibd"), rilld = binary("rilld"), rillctl = binary("rillctl");
+  Env env{{{"ZIBD_SOURCE_DIR", ZIBD_SOURCE_DIR},
+           {"ZIBD_PROGRAM", zibd},
+           {"RILLD", rilld},
+           {"RILLCTL", rillctl},
+           {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
+  return env;
+}
+
 TEST(SampleGatewayTest, RunsZibdOnTheSampleDisksUntilInterrupted) {
   const Result r = run({"/bin/bash", std::string(ZIBD_SOURCE_DIR) + "/scripts/sandbox.sh",
                         "/bin/bash", "-c", kProbe},
-                       Env{{{"ZIBD_BUILD_DIR", ZIBD_BINARY_DIR}, {"ZIBD_SOURCE_DIR", ZIBD_SOURCE_DIR}}}, "", std::chrono::seconds(60));
+                       gatewayEnv(), "", std::chrono::seconds(60));
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_THAT(r.out, HasSubstr("Storage.Disk.1.Partition.1.MountPoint=/var/uuidmount/4f2a-91c3"));
   EXPECT_THAT(r.out, HasSubstr("holiday-1.mkv"));

@@ -1,4 +1,4 @@
-#include "frame/file_type_map.h"
+#include "scan/file_type_map.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "frame/file_type_map.h"
+#include "scan/file_type_map.h"
 
 #include <strings.h>
 

@@ -1,0 +1,32 @@
+// The media server's indexing rules as the file classification asks them.
+// The index-rule registry implements it; unit tests of the layers above use
+// fakes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zibd {
+
+// Category bits of a rule.
+enum RuleCategory : uint32_t {
+  kCategoryMovies = 1,
+  kCategoryMusic = 2,
+  kCategoryPictures = 4,
+};
+
+class IndexRules {
+ public:
+  virtual ~IndexRules() = default;
+
+  // stRuleCategories: the OR of the categories of every enabled rule whose
+  // directory contains path (path continues the rule's path with "/").
+  // Scanner thread, while the bus thread may add and remove rules.
+  virtual uint32_t stRuleCategories(const std::string& path) const = 0;
+
+  // stResolveRulePaths: replaces each rule's path by its realpath where it
+  // resolves. Scanner thread, before it uses the rules.
+  virtual void stResolveRulePaths() = 0;
+};
+
+}  // namespace zibd
