@@ -28,6 +28,14 @@ class Daemon {
   // except for the pending counts, which only the scanner thread touches.
   FileTypeMap type_map;
 
+  // Subsystem objects, one section each, in layer order. Each section owns its
+  // objects (members declared here) and fills in its own steps of start(),
+  // runEventLoop() and shutdown() in daemon.cpp.
+  // --- storage model (storage/) ---
+  // --- scanner (scan/) ---
+  // --- watcher and event loop (watch/) ---
+  // --- bus client (bus/) ---
+
   // The main thread's work until a termination signal arrives.
   void runEventLoop();
 
