@@ -8,18 +8,97 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev sqlite3
   g++-mips-linux-gnu qemu-user
+  dpkg-dev tcl
   libfaketime faketime
   util-linux mount procps
 )
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo=sudo
+
+# The MIPS build compiles SQLite from Debian's own source package
+# (scripts/mips-sqlite.sh), so apt needs source entries: the machine's own
+# Debian entries for this release, again with "Types: deb-src", in a file of
+# our own. Rewritten, and the indexes updated, only when that changes.
+debsrc_file=/etc/apt/sources.list.d/zibd-deb-src.sources
+debsrc_entries() {
+  local codename
+  codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
+  [ -n "$codename" ] || { echo "setup: /etc/os-release names no VERSION_CODENAME" >&2; return 1; }
+  # deb822 files: each enabled stanza of type deb for this release, without
+  # its comments and with deb-src for its types.
+  local f
+  for f in /etc/apt/sources.list.d/*.sources; do
+    [ -f "$f" ] && [ "$f" != "$debsrc_file" ] || continue
+    awk -v codename="$codename" '
+      BEGIN { RS = ""; FS = "\n" }
+      {
+        types = ""; suites = ""; enabled = "yes"; out = ""
+        for (i = 1; i <= NF; i++) {
+          line = $i
+          if (line ~ /^#/) continue
+          if (line ~ /^[^ \t]/) {
+            key = tolower(line); sub(/:.*/, "", key)
+            value = line; sub(/^[^:]*:[ \t]*/, "", value)
+            if (key == "types") { types = " " value " "; line = "Types: deb-src" }
+            else if (key == "suites") suites = " " value " "
+            else if (key == "enabled") enabled = tolower(value)
+          }
+          out = out line "\n"
+        }
+        if (enabled == "no" || types !~ / deb / || types ~ / deb-src /) next
+        if (suites !~ (" " codename "(-[a-z]+)? ")) next
+        printf "%s\n", out
+      }' "$f"
+  done
+  # One-line files: each "deb" line for this release as a deb822 stanza.
+  for f in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+    [ -f "$f" ] || continue
+    awk -v codename="$codename" '
+      $1 != "deb" { next }
+      {
+        signed = ""; trusted = ""; i = 2
+        if ($2 ~ /^\[/) {
+          for (; i <= NF; i++) {
+            opt = $i; gsub(/[][]/, "", opt)
+            if (opt ~ /^signed-by=/) { signed = opt; sub(/^signed-by=/, "", signed) }
+            if (opt ~ /^trusted=/) { trusted = opt; sub(/^trusted=/, "", trusted) }
+            if ($i ~ /\]$/) { i++; break }
+          }
+        }
+        uri = $i; suite = $(i + 1); components = ""
+        for (j = i + 2; j <= NF && $j !~ /^#/; j++) components = components " " $j
+        if (suite !~ ("^" codename "(-[a-z]+)?$")) next
+        printf "Types: deb-src\nURIs: %s\nSuites: %s\nComponents:%s\n", uri, suite, components
+        if (signed != "") printf "Signed-By: %s\n", signed
+        if (trusted != "") printf "Trusted: %s\n", trusted
+        printf "\n"
+      }' "$f"
+  done
+}
+entries=$(debsrc_entries)
+[ -n "$entries" ] || { echo "setup: found no Debian apt entry for this release to derive deb-src entries from" >&2; exit 1; }
+wanted="# Written by zibd's scripts/setup.sh: Debian source packages (for scripts/mips-sqlite.sh).
+$entries"
+update=0
+if [ ! -f "$debsrc_file" ] || [ "$(cat "$debsrc_file")" != "$wanted" ]; then
+  echo "setup: writing $debsrc_file"
+  printf '%s\n' "$wanted" | $sudo tee "$debsrc_file" >/dev/null
+  update=1
+fi
+# The source indexes must be there too (a fresh image may have no lists).
+while read -r index; do
+  compgen -G "$index*" >/dev/null || update=1
+done < <(apt-get indextargets --format '$(FILENAME)' 'Created-By: Sources')
 
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
+if ((update)) || ((${#missing[@]})); then
+  $sudo apt-get update -qq
+fi
 if ((${#missing[@]})); then
   echo "setup: installing ${missing[*]}"
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi

@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# Makes SQLite for the MIPS cross build from Debian's own sqlite3 source
+# package and keeps it in a cache, so that later runs neither fetch nor
+# rebuild it:
+#
+#   scripts/mips-sqlite.sh [CACHE]      (default: build/mips-deps/sqlite)
+#
+# Afterwards CACHE holds
+#   lib/libsqlite3.a     the library, compiled by mips-linux-gnu-gcc through
+#                        cmake/mips-linux-gnu.cmake (cmake/mips-sqlite/)
+#   include/sqlite3.h    its header
+#   source/              the downloaded source package (.dsc and tarballs)
+#   stamp                the package version and a hash of the recipe; when the
+#                        recipe (this script, cmake/mips-sqlite/, the toolchain
+#                        file) changes, the library is rebuilt from source/
+#
+# On a cache miss it runs scripts/setup.sh (deb-src entries, tclsh), fetches
+# the source with `apt-get source`, generates the amalgamation sqlite3.c with
+# the host's tclsh and compiles it. Any failure stops it with a message.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo=$PWD
+
+cache=${1:-build/mips-deps/sqlite}
+mkdir -p "$cache"
+cache=$(cd "$cache" && pwd)
+log() { echo "mips-sqlite: $*" >&2; }
+die() { log "$*"; exit 1; }
+
+recipe=$(cat scripts/mips-sqlite.sh cmake/mips-sqlite/CMakeLists.txt cmake/mips-linux-gnu.cmake | sha256sum)
+recipe=${recipe%% *}
+cached() {
+  [ -f "$cache/lib/libsqlite3.a" ] && [ -f "$cache/include/sqlite3.h" ] &&
+    [ -f "$cache/stamp" ] && grep -qx "recipe $recipe" "$cache/stamp"
+}
+
+if cached; then
+  log "using $(sed -n 's/^version //p' "$cache/stamp") from $cache"
+  exit 0
+fi
+
+# One run at a time per cache (the variants may be built side by side).
+exec 9>"$cache/.lock"
+flock 9
+if cached; then
+  log "using $(sed -n 's/^version //p' "$cache/stamp") from $cache"
+  exit 0
+fi
+
+work="$cache/work"
+rm -rf "$work" "$cache/lib" "$cache/include" "$cache/stamp"
+mkdir -p "$work"
+step=""
+trap 'status=$?; if [ $status -ne 0 ]; then log "FAILED while $step (exit $status); logs in $work"; fi' EXIT
+
+# The source package, fetched once.
+if ! compgen -G "$cache/source/sqlite3_*.dsc" >/dev/null; then
+  step="preparing the machine (scripts/setup.sh)"
+  scripts/setup.sh
+  step="fetching Debian's sqlite3 source (apt-get source)"
+  log "$step"
+  rm -rf "$cache/source.part"
+  mkdir -p "$cache/source.part"
+  # Downloaded as root, apt cannot hand the download to its unprivileged
+  # user inside the build tree; that is expected here.
+  (cd "$cache/source.part" && apt-get source --download-only -q sqlite3 \
+     -o APT::Sandbox::User="$(id -un)") >"$work/fetch.log" 2>&1 ||
+    { cat "$work/fetch.log" >&2; die "apt-get source sqlite3 failed (no deb-src entry? see scripts/setup.sh)"; }
+  mv "$cache/source.part" "$cache/source"
+fi
+dsc=$(compgen -G "$cache/source/sqlite3_*.dsc" | head -n1)
+
+step="unpacking $(basename "$dsc")"
+for tool in dpkg-source tclsh cc make mips-linux-gnu-gcc; do
+  command -v "$tool" >/dev/null || die "$tool is missing: run scripts/setup.sh"
+done
+dpkg-source -x "$dsc" "$work/src" >"$work/unpack.log" 2>&1 ||
+  { cat "$work/unpack.log" >&2; die "dpkg-source -x $dsc failed"; }
+version=$(dpkg-parsechangelog -l "$work/src/debian/changelog" -S Version)
+
+# The amalgamation is generated on the host (tclsh, and small host tools that
+# the build compiles with cc); it is plain C and the same for every target.
+step="generating the amalgamation of sqlite3 $version"
+log "$step"
+mkdir -p "$work/amalgamation"
+(cd "$work/amalgamation" &&
+   "$work/src/configure" --disable-tcl --disable-readline --disable-editline \
+     --disable-load-extension >configure.log 2>&1 &&
+   make -j"$(nproc)" sqlite3.c sqlite3.h >make.log 2>&1) ||
+  { tail -n 30 "$work"/amalgamation/*.log >&2; die "could not generate sqlite3.c"; }
+
+step="compiling sqlite3 $version for MIPS"
+log "$step"
+{
+  cmake -S cmake/mips-sqlite -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/mips-linux-gnu.cmake" \
+    -DZIBD_SQLITE_AMALGAMATION="$work/amalgamation" &&
+  cmake --build "$work/build" -j"$(nproc)" &&
+  cmake --install "$work/build" --prefix "$cache"
+} >"$work/compile.log" 2>&1 ||
+  { tail -n 30 "$work/compile.log" >&2; die "could not compile sqlite3.c for MIPS"; }
+
+step="checking the library"
+# Must be big-endian 32-bit MIPS objects.
+mips-linux-gnu-objdump -f "$cache/lib/libsqlite3.a" | grep -q 'file format elf32-tradbigmips' ||
+  die "$cache/lib/libsqlite3.a is not a big-endian 32-bit MIPS library"
+
+printf 'version %s\nrecipe %s\n' "$version" "$recipe" >"$cache/stamp"
+rm -rf "$work"
+log "built sqlite3 $version into $cache"

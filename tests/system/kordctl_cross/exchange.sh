@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# A tag database written by the gateway's kordctl (big-endian 32-bit MIPS,
+# run under the emulator) is read and changed by the host's kordctl, and the
+# other way round; each side then reads the other's changes back.
+#
+#   exchange.sh HOST_KORDCTL TARGET_KORDCTL [EMULATOR [ARG]...]
+set -euo pipefail
+(($# >= 2)) || { echo "usage: exchange.sh HOST_KORDCTL TARGET_KORDCTL [EMULATOR [ARG]...]" >&2; exit 2; }
+host=("$1")
+target=("${@:3}" "$2")
+
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+# Keep the library off the fixed paths; every call names its database.
+export KORD_INI=$tmp/kord.ini KORD_UPDATE=$tmp/update KORD_VIEWS=$tmp/views
+export LC_ALL=C
+
+failures=0
+fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
+# Runs a kordctl (host or target, an array name) on database $db.
+run() { local -n side=$1; shift; "${side[@]}" --db "$db" "$@"; }
+# expect WHAT FILE-WITH-EXPECTED-OUTPUT COMMAND...: the command succeeds and
+# prints exactly the expected bytes.
+expect() {
+  local what=$1 expected=$2; shift 2
+  if ! "$@" >"$tmp/out" 2>"$tmp/err"; then
+    fail "$what: '$*' failed: $(cat "$tmp/err")"
+  elif ! cmp -s "$expected" "$tmp/out"; then
+    fail "$what: unexpected output"
+    diff <(od -c "$expected") <(od -c "$tmp/out") | head -n 20 >&2 || true
+  fi
+}
+
+root=/var/uuidmount/4f2a-91c3
+film=$root/Media/Movies/holiday.mkv
+song=$root/Media/Music/$'M\xc3\xbcller \xe2\x80\x94 Caf\xc3\xa9'.mp3
+hash=9e107d9d372bb6826bd81d3542a419d6
+title=$'Caf\xc3\xa9 \xe2\x80\x94 \xff\xfe\x80\xa0 end'  # UTF-8 and bytes that are not
+long=$(printf 'chunk-%04d:\xc3\xa4\xc3\xb6\xc3\xbc;' $(seq 400))  # spills onto overflow pages
+# Long directory names, so that the tables and the path index span several
+# pages of the B-tree.
+deep=$root/Media/Pictures/$(printf 'directory-with-a-long-name-%03d/' $(seq 8))
+
+# exchange WRITER READER: WRITER fills a new database, READER checks and
+# changes it, WRITER checks READER's changes.
+exchange() {
+  local writer=$1 reader=$2
+  db=$tmp/$writer-to-$reader.db
+  : >"$db"
+  echo "== written by the $writer kordctl, read by the $reader kordctl"
+
+  run "$writer" set "$film" .s.hash "$hash"
+  run "$writer" set "$film" .s.filetype STDVIDEO
+  run "$writer" set "$film" .s.title "$title"
+  run "$writer" set "$film" .s.note "$long"
+  run "$writer" set "$song" .s.filetype STDAUDIO
+  run "$writer" set "$song" .s.tbp 1
+  run "$writer" set "$song" .s.mdt 1700000000
+  run "$writer" del "$song" .s.mdt
+  local i pictures=()
+  for i in $(seq 12); do
+    pictures+=("${deep}IMG_$(printf %04d "$i").JPG")
+    run "$writer" set "${pictures[-1]}" .s.filetype STDIMAGE
+    run "$writer" set "${pictures[-1]}" .s.hash "$i$hash"
+  done
+
+  printf '%s\n' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.note=$long" ".s.title=$title" >"$tmp/film"
+  expect "$reader reads the film's tags" "$tmp/film" run "$reader" tags "$film"
+  printf '%s\n' ".s.filetype=STDAUDIO" ".s.tbp=1" >"$tmp/song"
+  expect "$reader reads the song's tags" "$tmp/song" run "$reader" tags "$song"
+  printf '%s\n' ".s.filetype=STDIMAGE" ".s.hash=7$hash" >"$tmp/picture"
+  expect "$reader reads a picture's tags" "$tmp/picture" run "$reader" tags "${pictures[6]}"
+  printf '%s\n' "$film" "$song" "${pictures[@]}" | sort >"$tmp/files"
+  expect "$reader lists the files" "$tmp/files" run "$reader" files "$root"
+  printf '%s\n' "$song" >"$tmp/query"
+  expect "$reader queries" "$tmp/query" run "$reader" query "@.s.tbp@ exists and @.s.filetype@='STDAUDIO'"
+  printf '%s\n' "files 14" ".s.tbp 1" ".s.filetype=STDAUDIO 1" ".s.filetype=STDIMAGE 12" \
+    ".s.filetype=STDVIDEO 1" >"$tmp/stats"
+  expect "$reader counts" "$tmp/stats" run "$reader" stats
+
+  # The reader changes the database; the writer sees the changes.
+  run "$reader" set "$song" .s.hash "$title"
+  run "$reader" del "$song" .s.tbp
+  run "$reader" del "$film" .s.note
+  run "$reader" set "${pictures[0]}" .s.filetype STDVIDEO
+  printf '%s\n' ".s.filetype=STDAUDIO" ".s.hash=$title" >"$tmp/song"
+  expect "$writer reads the song's new tags" "$tmp/song" run "$writer" tags "$song"
+  printf '%s\n' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.title=$title" >"$tmp/film"
+  expect "$writer reads the film's remaining tags" "$tmp/film" run "$writer" tags "$film"
+  printf '%s\n' "files 14" ".s.tbp 0" ".s.filetype=STDAUDIO 1" ".s.filetype=STDIMAGE 11" \
+    ".s.filetype=STDVIDEO 2" >"$tmp/stats"
+  expect "$writer counts" "$tmp/stats" run "$writer" stats
+}
+
+exchange target host
+exchange host target
+
+if ((failures)); then
+  echo "exchange.sh: $failures check(s) failed" >&2
+  exit 1
+fi
+echo "exchange.sh: the databases crossed between the byte orders both ways"
