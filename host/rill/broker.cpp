@@ -3,12 +3,15 @@
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
+#include <fcntl.h>
 #include <sys/random.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <optional>
@@ -28,6 +31,13 @@ constexpr size_t kReadChunk = 64 * 1024;
 constexpr int kListenBacklog = 128;
 // Sent output is dropped from the front of a buffer once it is this large.
 constexpr size_t kCompactAfter = 64 * 1024;
+// Descriptors the broker keeps for itself (standard streams, the stop pipe,
+// the listener, the spare) and some slack, below its descriptor limit: the
+// client cap is lowered so that clients never take these.
+constexpr size_t kReservedDescriptors = 16;
+// How long the listener is left alone when a connection cannot be accepted
+// for a reason that another try would only repeat.
+constexpr auto kAcceptPause = std::chrono::milliseconds(100);
 
 struct Conn {
   enum class Role { kNew, kRequest, kNotify };
@@ -126,6 +136,12 @@ struct Broker::State {
   BrokerOptions options;
   FileDescriptor listener;
   bool bound = false;  // the socket file is ours to remove
+  // Held open so that, out of descriptors, one can be freed to accept a
+  // connection and close it at once: otherwise the listener stays readable
+  // and the loop would spin.
+  FileDescriptor spare;
+  size_t max_clients = 0;  // options.max_clients, lowered to fit the descriptor limit
+  std::optional<std::chrono::steady_clock::time_point> accept_paused_until;
 
   std::map<uint32_t, std::unique_ptr<Conn>> conns;
   uint32_t next_conn = 1;
@@ -485,16 +501,50 @@ struct Broker::State {
 
   // --- connections --------------------------------------------------------
 
+  // Connections beyond the cap, and those that come while the broker is out
+  // of descriptors, are closed at once: the client sees the bus hang up
+  // rather than wait in the listen queue.
   void acceptAll() {
     for (;;) {
       FileDescriptor fd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-      if (!fd) return;  // EAGAIN, or out of descriptors: try again next turn
-      if (conns.size() >= options.max_clients) continue;
+      if (!fd) {
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+        if ((errno == EMFILE || errno == ENFILE) && spare) {
+          spare.reset();
+          const bool dropped = FileDescriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).valid();
+          spare = openSpare();  // the accepted connection is closed by now
+          if (dropped && spare) continue;
+        }
+        // Nothing to do about it now (no memory, no spare): leave the
+        // listener alone for a moment instead of polling it in a loop.
+        accept_paused_until = std::chrono::steady_clock::now() + kAcceptPause;
+        return;
+      }
+      if (conns.size() >= max_clients) {
+        refuse(fd.get());
+        continue;
+      }
       auto c = std::make_unique<Conn>();
       c->id = next_conn++;
       if (next_conn == 0) next_conn = 1;  // 0 means "none"
       c->fd = std::move(fd);
       conns[c->id] = std::move(c);
+    }
+  }
+
+  static FileDescriptor openSpare() { return FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+  // Tells a connection over the cap why it is closed: the answer to the
+  // first request a library client sends (its hello), if the socket takes it.
+  static void refuse(int fd) {
+    Reply no;
+    no.id = 1;
+    no.status = Status::kBadRequest;
+    no.text = "too many clients";
+    const std::string frame = encode(no);
+    if (::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+      // Closed anyway.
     }
   }
 
@@ -605,6 +655,13 @@ int Broker::listen(std::string* error) {
     return -1;
   }
   state_->listener = std::move(fd);
+  state_->spare = State::openSpare();
+  state_->max_clients = state_->options.max_clients;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+    const size_t usable = limit.rlim_cur > kReservedDescriptors ? limit.rlim_cur - kReservedDescriptors : 1;
+    state_->max_clients = std::min(state_->max_clients, usable);
+  }
   return 0;
 }
 
@@ -613,14 +670,25 @@ int Broker::run() {
   std::vector<pollfd> fds;
   std::vector<uint32_t> ids;  // conn id per entry of fds after the first two
   for (;;) {
-    fds.assign({pollfd{stop_pipe_.read_end.get(), POLLIN, 0}, pollfd{s.listener.get(), POLLIN, 0}});
+    int timeout = -1;
+    if (s.accept_paused_until) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*s.accept_paused_until -
+                                                                      std::chrono::steady_clock::now());
+      if (left.count() > 0) {
+        timeout = static_cast<int>(left.count());
+      } else {
+        s.accept_paused_until.reset();
+      }
+    }
+    const short listen_events = s.accept_paused_until ? 0 : POLLIN;
+    fds.assign({pollfd{stop_pipe_.read_end.get(), POLLIN, 0}, pollfd{s.listener.get(), listen_events, 0}});
     ids.clear();
     for (const auto& [id, c] : s.conns) {
       const short events = static_cast<short>(POLLIN | (c->out.empty() ? 0 : POLLOUT));
       fds.push_back(pollfd{c->fd.get(), events, 0});
       ids.push_back(id);
     }
-    if (::poll(fds.data(), fds.size(), -1) < 0) {
+    if (::poll(fds.data(), fds.size(), timeout) < 0) {
       if (errno == EINTR) continue;
       return -1;
     }

@@ -22,7 +22,8 @@ struct BrokerOptions {
   std::string socket_path;
   int64_t stage = 100;                     // start-up stage of a new broker
   size_t max_output = 4 * 1024 * 1024;     // per-client output buffer limit
-  size_t max_clients = 1024;               // connections beyond are closed at once
+  size_t max_clients = 1024;               // connections beyond are closed at once; lowered
+                                           // to fit the descriptor limit (RLIMIT_NOFILE)
   size_t max_history = 10000;              // values kept per parameter, oldest dropped
 };
 

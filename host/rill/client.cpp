@@ -152,7 +152,10 @@ bool Client::connect(const std::string& name, const std::string& socket_path) {
   hello.path = name;
   auto reply = requests_.call(hello);
   if (!reply || reply->status != Status::kOk) {
+    // The broker says why it refused (too many clients) before it hangs up.
+    std::string why = reply ? "bus refused the connection: " + reply->text : requests_.error();
     requests_.close();
+    requests_.lose(why);
     return false;
   }
   id_ = static_cast<uint32_t>(reply->number);

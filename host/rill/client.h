@@ -45,12 +45,14 @@ class Channel {
   // gone (what arrived before is still returned).
   std::vector<Notification> takeNotifications(bool* alive);
 
+  // Marks the connection lost, with why as error() unless one is set.
+  void lose(const std::string& why);
+
  private:
   // Cuts the frames already received; false when the stream is corrupt.
   bool takeFrames(uint32_t wanted, Reply* reply, bool* found);
   // Reads once from the socket; false when the connection is gone.
   bool receive(int flags);
-  void lose(const std::string& why);
 
   FileDescriptor fd_;
   FrameReader reader_;

@@ -6,7 +6,9 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <sstream>
@@ -62,6 +64,19 @@ bool loadModelFile(const std::string& path, zibd::rill::Model* model) {
   return true;
 }
 
+// Raises the soft descriptor limit towards the hard one, so that the client
+// cap (plus what the broker keeps for itself) fits under the usual limit of
+// 1024; the broker lowers its cap to whatever limit it ends up with.
+void allowDescriptors(size_t clients) {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  const rlim_t wanted = static_cast<rlim_t>(clients) + 64;
+  if (limit.rlim_cur != RLIM_INFINITY && limit.rlim_cur < wanted) {
+    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
+    ::setrlimit(RLIMIT_NOFILE, &limit);  // at worst the cap stays lower
+  }
+}
+
 void handleSignals() {
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
@@ -85,6 +100,7 @@ int main(int argc, char** argv) {
   if (!options.model_path.empty() && !loadModelFile(options.model_path, &model)) return 1;
 
   zibd::rill::BrokerOptions broker_options;
+  allowDescriptors(broker_options.max_clients);
   broker_options.socket_path = zibd::rill::socketPath();
   broker_options.stage = options.stage;
   zibd::rill::Broker broker(std::move(model), broker_options);

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "common/file_descriptor.h"
@@ -124,6 +126,23 @@ Request request(Op op, std::string path = {}, int64_t number = 0) {
   return r;
 }
 
+// A process's user plus system CPU time, in clock ticks.
+long cpuTicks(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+  std::string field;
+  long utime = 0, stime = 0;
+  for (int i = 3; fields >> field; ++i) {  // field 3 is the state
+    if (i == 14) utime = std::stol(field);
+    if (i == 15) {
+      stime = std::stol(field);
+      break;
+    }
+  }
+  return utime + stime;
+}
+
 using HostileClientTest = BusTest;
 
 TEST_F(HostileClientTest, NoClientCanTakeOverAnotherClientsNotifications) {
@@ -158,6 +177,40 @@ TEST_F(HostileClientTest, NoClientCanTakeOverAnotherClientsNotifications) {
   EXPECT_EQ(events_[0].subid, ids[0]);
   std::vector<Flat> items;
   EXPECT_EQ(read(victim, "VFS.MetaDataService", &items), 0);
+}
+
+TEST_F(HostileClientTest, OutOfDescriptorsTheBrokerStaysIdleAndServesItsClients) {
+  startBroker(kGatewayModel, {}, 64);
+  rill_conn_t* resident = connect("resident");
+  auto ids = subscribe(resident, {{"VFS.MetaDataService", "ForceRescan", RILL_SUBSCRIBE_VALUE}});
+  ASSERT_EQ(ids.size(), 1u);
+
+  // Far more connections than the broker has descriptors for.
+  std::vector<std::unique_ptr<Hostile>> flood;
+  for (int i = 0; i < 150; ++i) flood.push_back(std::make_unique<Hostile>(socket_));
+  std::this_thread::sleep_for(300ms);
+  const long before = cpuTicks(broker_->pid());
+  std::this_thread::sleep_for(1s);
+  EXPECT_LE(cpuTicks(broker_->pid()) - before, 10) << "the broker turns while nothing happens";
+
+  // The excess is dropped, not left hanging; a newcomer is refused at once.
+  int dropped = 0;
+  for (auto& h : flood) dropped += h->hungUp(20ms) ? 1 : 0;
+  EXPECT_GE(dropped, 150 - 64);
+  Result refused = ctl({"get", "VFS.MetaDataService"});
+  EXPECT_EQ(refused.status, 2) << refused.err;
+
+  // The clients it has are served.
+  std::vector<Flat> items;
+  EXPECT_EQ(read(resident, "Storage.Disk", &items), 0);
+  EXPECT_EQ(items.size(), 3u);
+  ASSERT_EQ(set(resident, "VFS.MetaDataService", "ForceRescan", "1"), 0);
+  ASSERT_TRUE(awaitEvents(resident, 1));
+
+  // Once the flood has gone, newcomers get in again.
+  flood.clear();
+  EXPECT_TRUE(waitFor([&] { return ctl({"get", "VFS.MetaDataService.ForceRescan"}).status == 0; }));
+  EXPECT_TRUE(broker_->running());
 }
 
 }  // namespace
