@@ -1,4 +1,4 @@
-#include "watch/walk.h"
+#include "common/walk.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -14,7 +14,7 @@
 
 #include "common/file_descriptor.h"
 #include "tests/support/sandbox.h"
-#include "watch/fs_error.h"
+#include "common/fs_error.h"
 
 namespace zibd {
 namespace {

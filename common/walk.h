@@ -1,5 +1,5 @@
 // Directory tree walk and path utilities shared by the watch table and the
-// profiler batch runs. Results are the codes of watch/fs_error.h, or whatever
+// profiler batch runs. Results are the codes of common/fs_error.h, or whatever
 // non-zero value a callback returned to stop a walk.
 //
 // Thread safety: every function here is reentrant; a walk keeps all its state

@@ -1,4 +1,4 @@
-#include "watch/walk.h"
+#include "common/walk.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "common/file_descriptor.h"
-#include "watch/fs_error.h"
+#include "common/fs_error.h"
 
 namespace zibd {
 
