@@ -52,6 +52,10 @@ struct Conn {
   uint32_t notify = 0;  // kRequest: its notification connection, 0 for none
   std::string name;     // what the client called itself
   std::string token;    // kRequest: proves ownership when attaching a notification connection
+  // This client's share of the broker's state, bounded by BrokerOptions.
+  size_t subscriptions = 0;
+  size_t stage_waits = 0;
+  size_t lock_waits = 0;
   bool dead = false;    // cut off or gone; closed at the end of the loop turn
 };
 
@@ -147,7 +151,7 @@ struct Broker::State {
   uint32_t next_conn = 1;
 
   int64_t stage = 0;
-  std::vector<Waiter> stage_waiters;
+  std::multimap<int64_t, Waiter> stage_waiters;  // by the stage waited for
 
   std::optional<uint32_t> lock_holder;
   std::deque<Waiter> lock_waiters;
@@ -255,6 +259,7 @@ struct Broker::State {
       Waiter next = lock_waiters.front();
       lock_waiters.pop_front();
       if (Conn* c = conn(next.conn)) {
+        --c->lock_waits;
         lock_holder = next.conn;
         Reply granted;
         granted.id = next.request;
@@ -270,18 +275,17 @@ struct Broker::State {
   }
 
   void wakeStageWaiters() {
-    std::vector<Waiter> still;
-    for (const Waiter& w : stage_waiters) {
-      if (w.stage > stage) {
-        still.push_back(w);
-      } else if (Conn* c = conn(w.conn)) {
+    while (!stage_waiters.empty() && stage_waiters.begin()->first <= stage) {
+      const Waiter w = stage_waiters.begin()->second;
+      stage_waiters.erase(stage_waiters.begin());
+      if (Conn* c = conn(w.conn)) {
+        --c->stage_waits;
         Reply r;
         r.id = w.request;
         r.number = stage;
         reply(*c, r);
       }
     }
-    stage_waiters = std::move(still);
   }
 
   // --- requests -----------------------------------------------------------
@@ -331,7 +335,10 @@ struct Broker::State {
         return wakeStageWaiters();
       case Op::kStageWait:
         if (stage >= r.number) return reply(c, success(r, stage));
-        stage_waiters.push_back(Waiter{c.id, r.id, r.number});
+        if (c.stage_waits >= options.max_stage_waits)
+          return reply(c, failure(r, Status::kBadRequest, "too many stage waits"));
+        ++c.stage_waits;
+        stage_waiters.emplace(r.number, Waiter{c.id, r.id, r.number});
         return;
       case Op::kGetSubtree:
         return reply(c, getSubtree(r));
@@ -441,23 +448,29 @@ struct Broker::State {
     return reply;
   }
 
-  Reply subscribe(const Conn& c, const Request& r) {
+  Reply subscribe(Conn& c, const Request& r) {
     auto pattern = parsePattern(r.path);
     if (!pattern || (r.name && !isName(*r.name))) return failure(r, Status::kMalformed, r.path);
     const auto mask = static_cast<uint32_t>(r.number);
     if (r.number < 0 || r.number > UINT32_MAX || !(mask & (kMaskAdded | kMaskRemoved | kMaskValue)))
       return failure(r, Status::kBadRequest, "bad event mask");
+    if (c.subscriptions >= options.max_subscriptions)
+      return failure(r, Status::kBadRequest, "too many subscriptions");
+    // Identifiers wrap after 2^32; one still in use is skipped.
+    while (next_subscription == 0 || subscriptions.count(next_subscription)) ++next_subscription;
+    ++c.subscriptions;
     const uint32_t id = next_subscription++;
     subscriptions[id] = Subscription{c.id, std::move(*pattern), r.name, mask};
     return success(r, id);
   }
 
-  Reply unsubscribe(const Conn& c, const Request& r) {
+  Reply unsubscribe(Conn& c, const Request& r) {
     auto it = r.number > 0 && r.number <= UINT32_MAX ? subscriptions.find(static_cast<uint32_t>(r.number))
                                                      : subscriptions.end();
     if (it == subscriptions.end() || it->second.owner != c.id)
       return failure(r, Status::kNoSuchSubscription, "no such subscription");
     subscriptions.erase(it);
+    --c.subscriptions;
     return success(r);
   }
 
@@ -465,6 +478,9 @@ struct Broker::State {
     if (!lock_holder) lock_holder = c.id;
     if (lock_holder == c.id) return reply(c, success(r));
     if (r.number == 0) return reply(c, failure(r, Status::kLockBusy, "write lock held by another client"));
+    if (c.lock_waits >= options.max_lock_waits)
+      return reply(c, failure(r, Status::kBadRequest, "too many write lock waits"));
+    ++c.lock_waits;
     lock_waiters.push_back(Waiter{c.id, r.id, 0});
   }
 
@@ -482,6 +498,7 @@ struct Broker::State {
       timed_out.text = "timed out waiting for the write lock";
       reply(c, timed_out);
       it = lock_waiters.erase(it);
+      --c.lock_waits;
     }
     releaseLock(c.id);
     reply(c, success(r));
@@ -603,7 +620,7 @@ struct Broker::State {
 
   void dropClient(const Conn& c) {
     std::erase_if(subscriptions, [&](const auto& entry) { return entry.second.owner == c.id; });
-    std::erase_if(stage_waiters, [&](const Waiter& w) { return w.conn == c.id; });
+    std::erase_if(stage_waiters, [&](const auto& entry) { return entry.second.conn == c.id; });
     std::erase_if(lock_waiters, [&](const Waiter& w) { return w.conn == c.id; });
     releaseLock(c.id);
   }

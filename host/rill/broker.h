@@ -25,6 +25,10 @@ struct BrokerOptions {
   size_t max_clients = 1024;               // connections beyond are closed at once; lowered
                                            // to fit the descriptor limit (RLIMIT_NOFILE)
   size_t max_history = 10000;              // values kept per parameter, oldest dropped
+  // Each client's share; requests beyond are refused. Freed when it leaves.
+  size_t max_subscriptions = 1024;         // subscriptions per client
+  size_t max_stage_waits = 64;             // unanswered stage waits per connection
+  size_t max_lock_waits = 4;               // queued write-lock waits per connection
 };
 
 class Broker {

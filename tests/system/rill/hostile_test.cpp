@@ -143,6 +143,15 @@ long cpuTicks(pid_t pid) {
   return utime + stime;
 }
 
+// A process's resident memory in KiB.
+long residentKiB(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  return -1;
+}
+
 using HostileClientTest = BusTest;
 
 TEST_F(HostileClientTest, NoClientCanTakeOverAnotherClientsNotifications) {
@@ -211,6 +220,63 @@ TEST_F(HostileClientTest, OutOfDescriptorsTheBrokerStaysIdleAndServesItsClients)
   flood.clear();
   EXPECT_TRUE(waitFor([&] { return ctl({"get", "VFS.MetaDataService.ForceRescan"}).status == 0; }));
   EXPECT_TRUE(broker_->running());
+}
+
+// Sends count copies of r on h (in batches, reading replies meanwhile) and
+// then a stage read; returns how many replies before that read were
+// successes and failures.
+std::pair<size_t, size_t> flood(Hostile& h, const Request& r, size_t count) {
+  for (size_t i = 0; i < count; ++i) {
+    h.queue(r);
+    if (i % 4096 == 4095) {
+      EXPECT_TRUE(h.flush());
+    }
+  }
+  h.queue(request(Op::kStageGet));
+  EXPECT_TRUE(h.flush());
+  EXPECT_TRUE(h.awaitReply(h.lastId()).has_value());
+  std::pair<size_t, size_t> counts{0, 0};
+  for (const Reply& reply : h.replies()) ++(reply.status == Status::kOk ? counts.first : counts.second);
+  h.replies().clear();
+  return counts;
+}
+
+TEST_F(HostileClientTest, OneClientsShareOfTheBrokerIsBoundedAndFreedWhenItLeaves) {
+  startBroker();
+  const long baseline = residentKiB(broker_->pid());
+  rill_conn_t* holder = connect("holder");
+  ASSERT_EQ(rill_invoke_get_client_writelock(holder, 0, -1), 0);
+
+  auto hostile = std::make_unique<Hostile>(socket_);
+  ASSERT_EQ(hostile->call(request(Op::kHello, "hoarder")).status, Status::kOk);
+  Request sub = request(Op::kSubscribe, "Storage.Disk.Partition", rill::kMaskValue);
+  auto [subscribed, refused] = flood(*hostile, sub, 300000);
+  EXPECT_GT(subscribed, 0u);
+  EXPECT_LT(subscribed, 300000u);
+  EXPECT_EQ(subscribed + refused, 300000u);
+
+  // Waits that nobody answers: the refused ones are answered at once.
+  auto [stage_answered, stage_refused] = flood(*hostile, request(Op::kStageWait, {}, 1000000), 300000);
+  EXPECT_EQ(stage_answered, 0u);
+  EXPECT_GT(stage_refused, 0u);
+  EXPECT_LT(stage_refused, 300000u);
+  auto [locked, lock_refused] = flood(*hostile, request(Op::kLock, {}, 1), 2000);
+  EXPECT_EQ(locked, 0u);
+  EXPECT_GT(lock_refused, 0u);
+  EXPECT_LT(lock_refused, 2000u);
+  EXPECT_LT(residentKiB(broker_->pid()) - baseline, 32 * 1024) << "KiB kept for one client";
+
+  // A write still reaches everyone quickly enough to be a normal write.
+  ASSERT_EQ(ctl({"set", "Storage.Disk.1.Partition.1.Manageddisk", "0"}).status, 0);
+
+  // Gone: its share is free again, and its lock waits no longer count.
+  hostile.reset();
+  Hostile successor(socket_);
+  ASSERT_EQ(successor.call(request(Op::kHello, "successor")).status, Status::kOk);
+  EXPECT_EQ(flood(successor, sub, subscribed + 10), std::make_pair(subscribed, size_t{10}));
+  ASSERT_EQ(rill_invoke_free_client_writelock(holder), 0);
+  rill_conn_t* next = connect("next");
+  EXPECT_EQ(rill_invoke_get_client_writelock(next, 5, -1), 0) << "granted to a waiter that left";
 }
 
 }  // namespace
