@@ -159,7 +159,12 @@ struct Broker::State {
   std::map<uint32_t, Subscription> subscriptions;
   uint32_t next_subscription = 1;
 
-  std::map<std::string, std::deque<std::string>> history;  // "Object.Path.Param" -> values
+  // Values clients wrote, per object and parameter; dropped with the object.
+  struct History {
+    std::deque<std::string> values;
+    size_t bytes = 0;  // of the values
+  };
+  std::map<Path, std::map<std::string, History>> history;
 
   State(Model m, BrokerOptions o) : model(std::move(m)), options(std::move(o)), stage(options.stage) {}
 
@@ -246,10 +251,16 @@ struct Broker::State {
     notify(kEventValue, kMaskValue, object, param, valueItem(object, param, value));
   }
 
+  // Keeps the newest values within both caps (the newest one always).
   void recordHistory(const Path& object, const std::string& param, const std::string& value) {
-    auto& values = history[format(object) + "." + param];
-    values.push_back(value);
-    while (values.size() > options.max_history) values.pop_front();
+    History& h = history[object][param];
+    h.values.push_back(value);
+    h.bytes += value.size();
+    while (h.values.size() > 1 &&
+           (h.values.size() > options.max_history || h.bytes > options.max_history_bytes)) {
+      h.bytes -= h.values.front().size();
+      h.values.pop_front();
+    }
   }
 
   // --- write lock and stage -----------------------------------------------
@@ -431,20 +442,23 @@ struct Broker::State {
     if (!object) return failure(r, Status::kMalformed, r.path);
     auto removed = model.remove(*object);
     if (removed.empty()) return failure(r, Status::kNoSuchObject, r.path);
-    for (const Path& path : removed) notifyRemoved(path);
+    for (const Path& path : removed) {
+      history.erase(path);
+      notifyRemoved(path);
+    }
     return success(r);
   }
 
   Reply historyOf(const Request& r) {
     auto object = parseObjectPath(r.path);
     if (!object || !r.name || !isName(*r.name)) return failure(r, Status::kMalformed, r.path);
+    if (!model.find(*object)) return failure(r, Status::kNoSuchObject, r.path);
     Reply reply = success(r);
-    auto it = history.find(format(*object) + "." + *r.name);
-    if (it == history.end()) {
-      if (!model.find(*object)) return failure(r, Status::kNoSuchObject, r.path);
-      return reply;
-    }
-    for (const std::string& value : it->second) reply.items.push_back(Item{{}, {}, value, 0});
+    auto object_history = history.find(*object);
+    if (object_history == history.end()) return reply;
+    auto it = object_history->second.find(*r.name);
+    if (it == object_history->second.end()) return reply;
+    for (const std::string& value : it->second.values) reply.items.push_back(Item{{}, {}, value, 0});
     return reply;
   }
 

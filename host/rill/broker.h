@@ -24,7 +24,9 @@ struct BrokerOptions {
   size_t max_output = 4 * 1024 * 1024;     // per-client output buffer limit
   size_t max_clients = 1024;               // connections beyond are closed at once; lowered
                                            // to fit the descriptor limit (RLIMIT_NOFILE)
-  size_t max_history = 10000;              // values kept per parameter, oldest dropped
+  size_t max_history = 10000;              // values kept per parameter, oldest dropped...
+  size_t max_history_bytes = 512 * 1024;   // ...and at most this many bytes of them, so
+                                           // that a history always fits in one answer
   // Each client's share; requests beyond are refused. Freed when it leaves.
   size_t max_subscriptions = 1024;         // subscriptions per client
   size_t max_stage_waits = 64;             // unanswered stage waits per connection

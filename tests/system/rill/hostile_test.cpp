@@ -279,5 +279,47 @@ TEST_F(HostileClientTest, OneClientsShareOfTheBrokerIsBoundedAndFreedWhenItLeave
   EXPECT_EQ(rill_invoke_get_client_writelock(next, 5, -1), 0) << "granted to a waiter that left";
 }
 
+TEST_F(HostileClientTest, HistoryIsCappedByBytesAndGoesWithItsObject) {
+  startBroker();
+  rill_conn_t* writer = connect("writer");
+  ASSERT_EQ(ctl({"add", "Storage.Disk.3", "Label=first"}).status, 0);
+  const size_t kValue = 200 * 1024;
+  for (char c = 'a'; c < 'k'; ++c) ASSERT_EQ(set(writer, "Storage.Disk.3", "Label", std::string(kValue, c)), 0);
+  Result r = ctl({"history", "Storage.Disk.3.Label"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_LE(r.out.size(), 1024u * 1024u);
+  EXPECT_GE(r.out.size(), 2 * (kValue + 1)) << "the newest values are kept";
+  EXPECT_EQ(r.out.substr(r.out.size() - kValue - 1), std::string(kValue, 'j') + "\n");
+
+  // Deleted: like an object that never existed, also once it is back.
+  ASSERT_EQ(ctl({"del", "Storage.Disk.3"}).status, 0);
+  r = ctl({"history", "Storage.Disk.3.Label"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  Result never = ctl({"history", "Storage.Disk.4.Label"});
+  EXPECT_EQ(never.status, 2);
+  EXPECT_EQ(r.err.substr(0, r.err.find("Storage")), never.err.substr(0, never.err.find("Storage")));
+  ASSERT_EQ(ctl({"add", "Storage.Disk.3", "Label=second"}).status, 0);
+  EXPECT_EQ(ctl({"history", "Storage.Disk.3.Label"}).out, "second\n");
+
+  // Add and delete cycles leave nothing behind.
+  const long baseline = residentKiB(broker_->pid());
+  Hostile cycler(socket_);
+  ASSERT_EQ(cycler.call(request(Op::kHello, "cycler")).status, Status::kOk);
+  for (int i = 0; i < 20000; ++i) {
+    Request add = request(Op::kAddObject, "Cycle." + std::to_string(i + 1));
+    add.params = {{"A", std::string(100, 'x')}, {"B", "y"}};
+    cycler.queue(add);
+    cycler.queue(request(Op::kDelObject, "Cycle." + std::to_string(i + 1)));
+    if (i % 1000 == 999) {
+      ASSERT_TRUE(cycler.flush());
+      cycler.replies().clear();
+    }
+  }
+  ASSERT_EQ(cycler.call(request(Op::kStageGet)).status, Status::kOk);
+  EXPECT_LT(residentKiB(broker_->pid()) - baseline, 4 * 1024) << "KiB kept by 20000 deleted objects";
+  EXPECT_EQ(ctl({"history", "Cycle.7.A"}).status, 2);
+}
+
 }  // namespace
 }  // namespace zibd::test
