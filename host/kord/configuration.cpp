@@ -160,8 +160,16 @@ std::shared_ptr<const Location> Configuration::reload() {
   next->views_root = views_root_;
   std::string text;
   if (!override_database_.empty()) {
+    // Taken as it is: a file name may hold any byte but NUL, a newline
+    // included, which the line format could not carry.
     text = "override:/:" + override_database_;
-    parseConfigurationLine(text, next.get());
+    if (isCanonical(override_database_) && override_database_ != "/") {
+      next->configured = true;
+      next->root = "/";
+      next->database = override_database_;
+    } else {
+      next->problem = "names a database that is not a canonical absolute path";
+    }
   } else if (!stamp_.exists) {
     next->problem = "is missing";
   } else {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/support/subprocess.h"
 #include "tests/unit/kord/kord_fixture.h"
 
@@ -126,6 +128,20 @@ TEST_F(KordctlTest, DbOptionUsesThatFileForEveryPath) {
   EXPECT_EQ(r.status, 0) << r.err;
   r = kordctl({"--db", database(), "tags", "/anywhere/b.mp4"});
   EXPECT_EQ(r.out, "k=v\n");
+}
+
+TEST_F(KordctlTest, DbOptionTakesTheWholeFileNameNewlineIncluded) {
+  ::unsetenv(kord::kIniEnv);
+  const std::string odd = sandbox_ / "tag\ndb";
+  sandbox_.write("tag\ndb");  // empty: a new database
+  Result r = kordctl({"--db", odd, "set", "/anywhere/b.mp4", "k", "v"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(sandbox_ / "tag")) << "a database under the name cut at the newline";
+  EXPECT_GT(std::filesystem::file_size(odd), 0u);
+  r = kordctl({"--db", odd, "tags", "/anywhere/b.mp4"});
+  EXPECT_EQ(r.out, "k=v\n") << r.err;
+  expectOneLineError(kordctl({"--db", sandbox_ / "tag\nmissing", "files"}), 2, "cannot use database");
+  EXPECT_FALSE(std::filesystem::exists(sandbox_ / "tag"));
 }
 
 TEST_F(KordctlTest, ChangesMadeByKordctlKeepViewsRight) {
