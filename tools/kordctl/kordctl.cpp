@@ -26,7 +26,7 @@ constexpr int kExitNotFound = 1;
 constexpr int kExitUsage = 2;  // also: no database, bad condition, failures
 
 constexpr const char* kUsage =
-    "usage: kordctl [--db FILE] COMMAND [ARGUMENTS]\n"
+    "usage: kordctl [-0] [--db FILE] COMMAND [ARGUMENTS]\n"
     "Reads and changes the tags of media files in the tag database.\n"
     "\n"
     "Commands:\n"
@@ -43,6 +43,9 @@ constexpr const char* kUsage =
     "\n"
     "Options:\n"
     "  --db FILE            use the database FILE for all paths instead of the configured one\n"
+    "  -0, --null           end each path (files, query) or NAME=VALUE (tags) with a NUL\n"
+    "                       byte instead of a newline, for names and values holding\n"
+    "                       newlines (as find -print0 does)\n"
     "  -h, --help           print this help\n"
     "\n"
     "Without --db the database is the one the configuration file names\n"
@@ -78,15 +81,24 @@ std::string absolutePath(std::string path) {
   return path;
 }
 
+// What ends each item of a list: '\n', or '\0' with -0.
+char g_terminator = '\n';
+
+// One list item as it is (it may hold any byte but NUL), then the terminator.
+void printItem(const std::string& item) {
+  ::fwrite(item.data(), 1, item.size(), stdout);
+  ::putchar(g_terminator);
+}
+
 void printLines(const std::vector<std::string>& lines) {
-  for (const auto& line : lines) ::printf("%s\n", line.c_str());
+  for (const auto& line : lines) printItem(line);
 }
 
 int commandTags(const std::vector<std::string>& args) {
   std::vector<std::pair<std::string, std::string>> tags;
   kord::Status s = kord::listTags(absolutePath(args[0]), &tags);
   if (s != kord::Status::kOk) return libraryFailure("cannot read tags");
-  for (const auto& [name, value] : tags) ::printf("%s=%s\n", name.c_str(), value.c_str());
+  for (const auto& [name, value] : tags) printItem(name + "=" + value);
   return kExitOk;
 }
 
@@ -193,6 +205,10 @@ int run(int argc, char** argv) {
     if (option == "--") {
       ++i;
       break;
+    }
+    if (option == "-0" || option == "--null") {
+      g_terminator = '\0';
+      continue;
     }
     std::string file;
     if (option == "--db") {

@@ -144,6 +144,30 @@ TEST_F(KordctlTest, DbOptionTakesTheWholeFileNameNewlineIncluded) {
   EXPECT_FALSE(std::filesystem::exists(sandbox_ / "tag"));
 }
 
+TEST_F(KordctlTest, NulSeparatedListsKeepNewlinesInNamesAndValues) {
+  configure();
+  const std::string odd = at("p1/two\nlines.mp4");
+  tag(odd, {{".s.tbp", "1"}, {".s.note", "a\nb=c"}});
+  tag(at("p1/plain.mp4"), {{".s.tbp", "1"}});
+  const std::string nul(1, '\0');
+
+  Result r = kordctl({"-0", "files"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, at("p1/plain.mp4") + nul + odd + nul);
+  r = kordctl({"--null", "files", at("p1")});
+  EXPECT_EQ(r.out, at("p1/plain.mp4") + nul + odd + nul);
+  r = kordctl({"-0", "query", "@.s.tbp@ exists"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, at("p1/plain.mp4") + nul + odd + nul);
+  r = kordctl({"-0", "--db", database(), "tags", odd});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, ".s.note=a\nb=c" + nul + ".s.tbp=1" + nul);
+  r = kordctl({"-0", "query", "@.s.note@ exists"});
+  EXPECT_EQ(r.out, odd + nul);
+  // Without -0 the same lists are lines, as before.
+  EXPECT_EQ(kordctl({"files", at("p1")}).out, at("p1/plain.mp4") + "\n" + odd + "\n");
+}
+
 TEST_F(KordctlTest, ChangesMadeByKordctlKeepViewsRight) {
   configure();
   tag(at("p1/a.mp4"), {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "0"}});
