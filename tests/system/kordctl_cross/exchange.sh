@@ -64,16 +64,17 @@ exchange() {
     run "$writer" set "${pictures[-1]}" .s.hash "$i$hash"
   done
 
-  printf '%s\n' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.note=$long" ".s.title=$title" >"$tmp/film"
-  expect "$reader reads the film's tags" "$tmp/film" run "$reader" tags "$film"
-  printf '%s\n' ".s.filetype=STDAUDIO" ".s.tbp=1" >"$tmp/song"
-  expect "$reader reads the song's tags" "$tmp/song" run "$reader" tags "$song"
-  printf '%s\n' ".s.filetype=STDIMAGE" ".s.hash=7$hash" >"$tmp/picture"
-  expect "$reader reads a picture's tags" "$tmp/picture" run "$reader" tags "${pictures[6]}"
-  printf '%s\n' "$film" "$song" "${pictures[@]}" | sort >"$tmp/files"
-  expect "$reader lists the files" "$tmp/files" run "$reader" files "$root"
-  printf '%s\n' "$song" >"$tmp/query"
-  expect "$reader queries" "$tmp/query" run "$reader" query "@.s.tbp@ exists and @.s.filetype@='STDAUDIO'"
+  # Lists are read NUL-separated (-0): names and values may hold newlines.
+  printf '%s\0' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.note=$long" ".s.title=$title" >"$tmp/film"
+  expect "$reader reads the film's tags" "$tmp/film" run "$reader" -0 tags "$film"
+  printf '%s\0' ".s.filetype=STDAUDIO" ".s.tbp=1" >"$tmp/song"
+  expect "$reader reads the song's tags" "$tmp/song" run "$reader" -0 tags "$song"
+  printf '%s\0' ".s.filetype=STDIMAGE" ".s.hash=7$hash" >"$tmp/picture"
+  expect "$reader reads a picture's tags" "$tmp/picture" run "$reader" -0 tags "${pictures[6]}"
+  printf '%s\0' "$film" "$song" "${pictures[@]}" | sort -z >"$tmp/files"
+  expect "$reader lists the files" "$tmp/files" run "$reader" -0 files "$root"
+  printf '%s\0' "$song" >"$tmp/query"
+  expect "$reader queries" "$tmp/query" run "$reader" -0 query "@.s.tbp@ exists and @.s.filetype@='STDAUDIO'"
   printf '%s\n' "files 14" ".s.tbp 1" ".s.filetype=STDAUDIO 1" ".s.filetype=STDIMAGE 12" \
     ".s.filetype=STDVIDEO 1" >"$tmp/stats"
   expect "$reader counts" "$tmp/stats" run "$reader" stats
@@ -83,10 +84,10 @@ exchange() {
   run "$reader" del "$song" .s.tbp
   run "$reader" del "$film" .s.note
   run "$reader" set "${pictures[0]}" .s.filetype STDVIDEO
-  printf '%s\n' ".s.filetype=STDAUDIO" ".s.hash=$title" >"$tmp/song"
-  expect "$writer reads the song's new tags" "$tmp/song" run "$writer" tags "$song"
-  printf '%s\n' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.title=$title" >"$tmp/film"
-  expect "$writer reads the film's remaining tags" "$tmp/film" run "$writer" tags "$film"
+  printf '%s\0' ".s.filetype=STDAUDIO" ".s.hash=$title" >"$tmp/song"
+  expect "$writer reads the song's new tags" "$tmp/song" run "$writer" -0 tags "$song"
+  printf '%s\0' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.title=$title" >"$tmp/film"
+  expect "$writer reads the film's remaining tags" "$tmp/film" run "$writer" -0 tags "$film"
   printf '%s\n' "files 14" ".s.tbp 0" ".s.filetype=STDAUDIO 1" ".s.filetype=STDIMAGE 11" \
     ".s.filetype=STDVIDEO 2" >"$tmp/stats"
   expect "$writer counts" "$tmp/stats" run "$writer" stats
