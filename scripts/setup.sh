@@ -77,19 +77,27 @@ debsrc_entries() {
   done
 }
 entries=$(debsrc_entries)
-[ -n "$entries" ] || { echo "setup: found no Debian apt entry for this release to derive deb-src entries from" >&2; exit 1; }
-wanted="# Written by zibd's scripts/setup.sh: Debian source packages (for scripts/mips-sqlite.sh).
-$entries"
 update=0
-if [ ! -f "$debsrc_file" ] || [ "$(cat "$debsrc_file")" != "$wanted" ]; then
-  echo "setup: writing $debsrc_file"
-  printf '%s\n' "$wanted" | $sudo tee "$debsrc_file" >/dev/null
+if [ -n "$entries" ]; then
+  wanted="# Written by zibd's scripts/setup.sh: Debian source packages (for scripts/mips-sqlite.sh).
+$entries"
+  if [ ! -f "$debsrc_file" ] || [ "$(cat "$debsrc_file")" != "$wanted" ]; then
+    echo "setup: writing $debsrc_file"
+    printf '%s\n' "$wanted" | $sudo tee "$debsrc_file" >/dev/null
+    update=1
+  fi
+elif [ -f "$debsrc_file" ]; then
+  # The machine's own entries carry deb-src already.
+  $sudo rm -f "$debsrc_file"
   update=1
 fi
 # The source indexes must be there too (a fresh image may have no lists).
+sources_indexes() { apt-get indextargets --format '$(FILENAME)' 'Created-By: Sources'; }
+indexes=$(sources_indexes)
+[ -n "$indexes" ] || update=1
 while read -r index; do
-  compgen -G "$index*" >/dev/null || update=1
-done < <(apt-get indextargets --format '$(FILENAME)' 'Created-By: Sources')
+  [ -z "$index" ] || compgen -G "$index*" >/dev/null || update=1
+done <<<"$indexes"
 
 missing=()
 for p in "${packages[@]}"; do
@@ -97,6 +105,8 @@ for p in "${packages[@]}"; do
 done
 if ((update)) || ((${#missing[@]})); then
   $sudo apt-get update -qq
+  [ -n "$(sources_indexes)" ] ||
+    { echo "setup: apt has no deb-src entry for this release, and none could be derived from its deb entries" >&2; exit 1; }
 fi
 if ((${#missing[@]})); then
   echo "setup: installing ${missing[*]}"
