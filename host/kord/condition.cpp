@@ -16,6 +16,12 @@ class Parser {
   explicit Parser(std::string_view text) : text_(text) {}
 
   std::vector<Term> run() {
+    // A NUL byte would end the tag name written into the SQL text early (and
+    // no C caller can pass one anyway).
+    if (std::size_t nul = text_.find('\0'); nul != std::string_view::npos) {
+      pos_ = nul;
+      error("NUL byte");
+    }
     std::vector<Term> terms;
     skipSpaces();
     if (atEnd()) error("empty condition");

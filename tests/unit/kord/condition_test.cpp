@@ -92,5 +92,18 @@ TEST_F(KordQueryTest, NamesAndValuesWithQuotesOrPatternCharactersAreTakenLiteral
   EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/quote.mp4")));
 }
 
+// A NUL byte (possible through the C++ API, not the C one) used to cut the
+// SQL text short and fail as an SQLite error; it is a malformed condition.
+TEST_F(KordQueryTest, ANulByteMakesABadConditionNotAnSqlError) {
+  configure();
+  tag(at("p1/a.mp4"), {{"a", "x"}});
+  std::vector<std::string> paths;
+  EXPECT_EQ(kord::query(std::string("@a\0b@='4'", 9), &paths), kord::Status::kBadArgument);
+  EXPECT_THAT(kord::lastError().message, ::testing::HasSubstr("bad condition at offset 2"));
+  EXPECT_EQ(kord::query(std::string("@a@='x\0y'", 9), &paths), kord::Status::kBadArgument);
+  ASSERT_EQ(kord::query("@a@='x'", &paths), kord::Status::kOk);
+  EXPECT_THAT(paths, ElementsAre(at("p1/a.mp4")));
+}
+
 }  // namespace
 }  // namespace zibd::test
