@@ -1,0 +1,161 @@
+#include "storage/rule_registry.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+#include <new>
+
+#include "platform/cs.h"
+#include "platform/dynstr.h"
+#include "storage/storage_model.h"
+
+namespace zibd {
+namespace {
+
+constexpr int kReadAttempts = 3;
+
+struct ReadContext {
+  RuleRegistry* registry;
+  const std::string* object_path;
+};
+
+std::optional<std::string> copyOf(const dynstr_t* value) {
+  const char* text = dynstr_getstring(value);
+  if (!text) return std::nullopt;
+  return std::string(text);
+}
+
+// Reads one rule's answer and adds the rule.
+extern "C" int readRule(rill_reply_t* reply, void* context) {
+  if (!reply) return 0;
+  auto* read = static_cast<ReadContext*>(context);
+  try {
+    IndexRule rule;
+    rule.object_path = *read->object_path;
+    if (rill_reply_get_kind(reply) == RILL_REPLY_VALUES) {
+      const llist_t* items = rill_reply_get_items(reply);
+      int enable = 0;  // shared by the three category switches
+      for (int i = 0; i < llist_getlength(items); ++i) {
+        const rill_cmddata_t* item = rill_cmddata_getat(items, i);
+        if (!item || rill_cmddata_error_get(item) != 0) continue;
+        const char* name = dynstr_getstring(rill_cmddata_name_get(item));
+        if (!name) continue;
+        const dynstr_t* value = rill_cmddata_value_get(item);
+        if (::strstr(name, "Status")) {
+          rule.enabled = dynstr_strcmp2(value, "Up") == 0 ? 1 : 0;
+        } else if (::strstr(name, "UUID")) {
+          if (value) rule.uuid = copyOf(value);
+        } else if (::strstr(name, "PartitionName")) {
+          if (value) rule.partition_name = copyOf(value);
+        } else if (::strstr(name, "DirectoryName")) {
+          if (value) rule.directory_name = copyOf(value);
+        } else {
+          uint32_t bit = 0;
+          if (::strstr(name, "EnableMovie")) bit = kCategoryMovies;
+          else if (::strstr(name, "EnableMusic")) bit = kCategoryMusic;
+          else if (::strstr(name, "EnablePicture")) bit = kCategoryPictures;
+          if (bit == 0) continue;
+          int converted = 0;
+          if (dynstr_getbool(value, &converted) == 0) enable = converted;
+          if (enable) rule.categories |= bit;
+        }
+      }
+    }
+    read->registry->stAddRule(std::move(rule));
+  } catch (const std::bad_alloc&) {
+    // Out of memory: the rule is not recorded.
+  }
+  return 0;
+}
+
+bool isPrefixOf(const std::string& prefix, const std::string& text) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+extern "C" int stRuleCollector(rill_reply_t* reply, void* context) {
+  return stObjectPathCollector(reply, context);
+}
+
+uint32_t RuleRegistry::stRuleCategories(const std::string& path) const {
+  MutexLock hold(mutex_);
+  uint32_t categories = 0;
+  for (const IndexRule& rule : rules_) {
+    if (!rule.enabled || !rule.path) continue;
+    const std::string& base = *rule.path;
+    if (path.size() > base.size() && path.compare(0, base.size(), base) == 0 && path[base.size()] == '/')
+      categories |= rule.categories;
+  }
+  return categories;
+}
+
+void RuleRegistry::stResolveRulePaths() {
+  MutexLock hold(mutex_);
+  for (IndexRule& rule : rules_) {
+    if (!rule.path) continue;
+    std::unique_ptr<char, decltype(&::free)> resolved(::realpath(rule.path->c_str(), nullptr), &::free);
+    if (resolved) rule.path = std::string(resolved.get());
+  }
+}
+
+int RuleRegistry::stReadRule(rill_conn_t* connection, const std::string& object_path) {
+  ReadContext context{this, &object_path};
+  int error = 0;
+  int result = 0;
+  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    result = cs_find_parameters_of_obj_instances(connection, object_path.c_str(), 0, 2, readRule, &context,
+                                                 &error);
+    if (result == 0) break;
+  }
+  return result;
+}
+
+void RuleRegistry::stAddRule(IndexRule rule) {
+  if (rule.uuid && rule.directory_name) {
+    std::string directory = *rule.directory_name;
+    if (!directory.empty() && directory.back() == '/') directory.pop_back();
+    rule.path = root_ + "/" + *rule.uuid + "/" + directory;
+  }
+  MutexLock hold(mutex_);
+  rules_.push_back(std::move(rule));
+}
+
+std::optional<IndexRule> RuleRegistry::stFindRule(const std::string& text) const {
+  MutexLock hold(mutex_);
+  for (const IndexRule& rule : rules_)
+    if (isPrefixOf(rule.object_path, text)) return rule;
+  return std::nullopt;
+}
+
+void RuleRegistry::stRemoveRule(const std::string& text) {
+  MutexLock hold(mutex_);
+  for (auto it = rules_.begin(); it != rules_.end(); ++it)
+    if (isPrefixOf(it->object_path, text)) {
+      rules_.erase(it);
+      return;
+    }
+}
+
+bool RuleRegistry::stChangeRule(const std::string& text, const std::function<void(IndexRule&)>& change) {
+  MutexLock hold(mutex_);
+  for (IndexRule& rule : rules_)
+    if (isPrefixOf(rule.object_path, text)) {
+      change(rule);
+      return true;
+    }
+  return false;
+}
+
+bool RuleRegistry::stHaveRules() const {
+  MutexLock hold(mutex_);
+  return !rules_.empty();
+}
+
+void RuleRegistry::stClearRules() {
+  MutexLock hold(mutex_);
+  rules_.clear();
+}
+
+}  // namespace zibd

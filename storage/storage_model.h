@@ -1,0 +1,187 @@
+// The storage model: the disks and partitions the configuration bus reports,
+// the choice of the partition that holds the metadata database, and the
+// queries other threads make of it.
+//
+// Threads: the bus thread is the only writer (it adds and removes disks and
+// partitions, chooses the metadata storage and publishes its status); the
+// scanner, watcher and main threads only ask questions (StorageQueries).
+//
+// Lock order: storage_lock is taken before the scan queue's mutex, never after
+// it. It is held while a value is written on the bus and while the scanner is
+// asked to stop (ScannerControl), which never takes it while it is waited for.
+#pragma once
+
+#include <sys/time.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/mutex.h"
+#include "platform/rill.h"
+#include "platform/tock.h"
+#include "storage/scanner_control.h"
+#include "storage/storage_queries.h"
+#include "storage/watch_requests.h"
+
+namespace zibd {
+
+// Where the storage model reads and writes; the defaults are the gateway's
+// fixed paths, tests move them into a sandbox.
+struct StorageConfig {
+  std::string root = "/var/uuidmount";                 // below it lie every partition's mounts
+  std::string kord_ini = "/tmp/.kord/kord.ini";        // tells the tag store where its database is
+  std::string location = "/rw/zib_metadata_location";  // the chosen mount path, kept across restarts
+  std::string update_signal = "/var/kord/meta/.update";  // opened after each change of kord_ini
+  std::chrono::milliseconds read_retry_pause{1000};    // after each failed disk or partition read
+  std::chrono::seconds settle_delay{30};               // from the last disk or partition change to the choice
+};
+
+// Metadata storage status, as published in "MetaDataStorageStatus".
+enum StorageStatus : int { kStorageOk = 0, kNoSuitableDisk = 1 };
+
+struct Disk;
+
+struct TockCloser {
+  void operator()(tock_t* producer) const noexcept { tock_fini(producer); }
+};
+
+struct Partition {
+  int32_t index = 0;
+  std::string mount_path;  // canonical (realpath) "MountPoint"
+  uint32_t scanned = 0;    // the scanner has reported it finished
+  uint32_t managed = 0;    // "Manageddisk"
+  uint32_t free_mb = 0;    // "FreeSpaceInKBytes" / 1024, saturated at UINT32_MAX
+  uint32_t read_only = 0;  // "ReadOnly"
+  Disk* disk = nullptr;
+  std::unique_ptr<tock_t, TockCloser> events;  // change events to the media server
+};
+
+struct Disk {
+  int32_t index = 0;
+  uint32_t refcount = 0;  // references held through cs_incrementDiskRefcount (0 or 1)
+  uint32_t capacity = 0;  // "CapacityInMBytes"
+  uint32_t holds_metadata = 0;
+  std::list<Partition> partitions;  // newest first
+};
+
+// What the partition parameter reader collects from one partition object.
+struct PartitionParameters {
+  std::optional<std::string> mount_path;
+  int managed = 0;
+  int status = 0;  // true when the partition is up
+  int read_only = 0;
+  uint32_t free_mb = 0;
+};
+
+// Reply readers, handed to the bus library (platform/rill.h, cs.h) with a
+// caller context. Exposed for the bus thread and for tests.
+extern "C" {
+// context: PartitionParameters*.
+int stPartitionReader(rill_reply_t* reply, void* context);
+// context: uint32_t* capacity.
+int stCapacityReader(rill_reply_t* reply, void* context);
+// context: std::vector<std::string>*; collects object paths, newest first
+// (reverse answer order), dropping a path equal to the one collected last.
+// 290820 for a missing reply.
+int stObjectPathCollector(rill_reply_t* reply, void* context);
+}
+inline constexpr int kMissingReply = 290820;
+
+// Object path parsing: "Storage.Disk.<d>" and "Storage.Disk.<d>.Partition.<p>".
+// stDiskIndex returns -1 without the "Storage.Disk." prefix; *end (if given)
+// points behind the disk number. stPartitionIndex stores the disk index in
+// *disk_index and returns the partition number, which starts 11 characters
+// after the "." behind the disk number (not compared), or -1.
+int32_t stDiskIndex(const char* path, const char** end);
+int32_t stPartitionIndex(const char* path, int32_t* disk_index);
+std::string stDiskObjectPath(int32_t index);
+
+// True when path equals base or continues it with "/".
+bool pathIsUnder(const std::string& path, const std::string& base);
+
+class StorageModel final : public StorageQueries {
+ public:
+  StorageModel(WatchRequests& watches, ScannerControl& scanner, StorageConfig config = {});
+  ~StorageModel() override;
+  StorageModel(const StorageModel&) = delete;
+  StorageModel& operator=(const StorageModel&) = delete;
+
+  const StorageConfig& config() const { return config_; }
+
+  // The storage lock (stLock/stUnlock): guards the disk and partition lists
+  // and serialises writes on the bus.
+  mutable Mutex storage_lock;
+  std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
+
+  // The bus connection while one is open (set and reset by the bus thread).
+  void setConnection(rill_conn_t* connection) { connection_.store(connection); }
+  rill_conn_t* connection() const { return connection_.load(); }
+
+  // Lookups; the caller holds the storage lock.
+  Disk* stFindDisk(int32_t index) REQUIRES(storage_lock);
+  Partition* stFindPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
+
+  // List operations; bus thread.
+  void stAddDisk(const std::string& object_path) EXCLUDES(storage_lock);
+  void stAddPartition(const std::string& object_path) EXCLUDES(storage_lock);
+  void stRemovePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
+  void stReleaseDisk(Disk& disk) REQUIRES(storage_lock);
+  void stFreeDisk(Disk& disk) REQUIRES(storage_lock);
+  void stRemoveDisk(const std::string& object_path, bool release) EXCLUDES(storage_lock);
+  // At the end of a connection: removes every partition of every disk,
+  // releases each disk's reference and frees it.
+  void stReleaseAllDisks() EXCLUDES(storage_lock);
+  // Sets the scanned flag of the first partition mounted exactly at path.
+  void stMarkScanned(const std::string& mount_path) EXCLUDES(storage_lock);
+
+  // The one write of a value on the bus; 0 on success, -1 without connection.
+  int stSetBusValue(const char* object, const char* parameter, const char* value)
+      REQUIRES(storage_lock);
+  void stSetStorageStatus(int status) REQUIRES(storage_lock);
+  int storageStatus() const { return status_.load(); }
+  bool stStorageReady() const { return status_.load() == kStorageOk; }
+  bool initialScanDone() const { return initial_scan_done_.load() != 0; }
+
+  // The settle deadline: bus thread only, no lock.
+  void stArmDeadline();
+  const std::optional<timeval>& deadline() const { return deadline_; }
+  void disarmDeadline() { deadline_.reset(); }
+
+  bool stIsSuitable(const Partition& partition, bool existing_database_only) const;
+  void stSelectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
+  // The selection run when the deadline expires with status "NoSuitableDisk":
+  // remembered location, then first existing database, then the best new
+  // place. True when a partition was selected.
+  bool stChooseMetadataStorage() EXCLUDES(storage_lock);
+  // Mount paths of the partitions removed since the last call.
+  std::vector<std::string> takeRemovedPartitions() EXCLUDES(storage_lock);
+
+  // StorageQueries.
+  bool storageReady() const override { return stStorageReady(); }
+  bool pathIsOnPartition(const std::string& path) const override EXCLUDES(storage_lock);
+  std::optional<std::string> managedPartitionPath() const override EXCLUDES(storage_lock);
+  void sendChangeEvent(const std::string& path) override EXCLUDES(storage_lock);
+  void markInitialScanDone() override { initial_scan_done_.store(1); }
+
+ private:
+  void loseMetadata() REQUIRES(storage_lock);
+  void signalTagStore() const;
+  bool selectIfSuitable(Partition* partition, bool existing_database_only) REQUIRES(storage_lock);
+
+  WatchRequests& watches_;
+  ScannerControl& scanner_;
+  const StorageConfig config_;
+  std::atomic<rill_conn_t*> connection_{nullptr};
+  std::atomic<int> status_{kNoSuitableDisk};
+  std::atomic<int> initial_scan_done_{0};
+  std::optional<timeval> deadline_;
+  std::vector<std::string> removed_partitions_ GUARDED_BY(storage_lock);
+};
+
+}  // namespace zibd

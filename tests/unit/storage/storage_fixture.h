@@ -1,0 +1,114 @@
+// A real bus broker in the test's process (the broker core of rilld on a
+// private socket), a daemon-side connection to it, a sandbox standing in for
+// the storage root and the tag store's files, and fakes of the layers above
+// the storage model. Shared by the storage and bus unit tests; it runs in
+// every build, the big-endian cross build under qemu included.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "common/mutex.h"
+#include "host/rill/broker.h"
+#include "host/rill/client.h"
+#include "platform/rill.h"
+#include "scan/scan_requests.h"
+#include "storage/rule_registry.h"
+#include "storage/scanner_control.h"
+#include "storage/storage_model.h"
+#include "storage/watch_requests.h"
+#include "tests/support/sandbox.h"
+
+namespace zibd::test {
+
+class FakeWatchRequests : public WatchRequests {
+ public:
+  void fsQueueAddWatch(const std::string& path) override { calls.push_back("add " + path); }
+  void fsQueueRemoveWatch(const std::string& path) override { calls.push_back("remove " + path); }
+  std::vector<std::string> calls;
+};
+
+class FakeScanner : public ScannerControl {
+ public:
+  void stopBelow(const std::string& path) override { calls.push_back("stopBelow " + path); }
+  void stopAll() override { calls.push_back("stopAll"); }
+  std::vector<std::string> calls;
+};
+
+class FakeScanRequests : public ScanRequests {
+ public:
+  void enqueue(const std::string& path, uint32_t kind) override {
+    MutexLock hold(mutex);
+    requests.emplace_back(path, kind);
+  }
+  std::vector<std::pair<std::string, uint32_t>> taken() {
+    MutexLock hold(mutex);
+    return std::exchange(requests, {});
+  }
+  Mutex mutex;
+  std::vector<std::pair<std::string, uint32_t>> requests GUARDED_BY(mutex);
+};
+
+// The broker and the tools of the other services on the bus.
+class InProcessBroker {
+ public:
+  InProcessBroker(const std::string& socket_path, const std::string& model, int64_t stage = 100,
+                  size_t max_subscriptions = 1024);
+  ~InProcessBroker();
+  InProcessBroker(const InProcessBroker&) = delete;
+  InProcessBroker& operator=(const InProcessBroker&) = delete;
+
+  // As rillctl add / del / set; true when the broker said yes.
+  bool add(const std::string& object, const std::vector<std::pair<std::string, std::string>>& params);
+  bool del(const std::string& object);
+  bool set(const std::string& object, const std::string& param, const std::string& value);
+  void setStage(int64_t stage);
+  std::optional<std::string> get(const std::string& object, const std::string& param);
+  // Every value clients wrote to the parameter, oldest first.
+  std::vector<std::string> history(const std::string& object, const std::string& param);
+  int64_t refcount(const std::string& object);
+  // The broker goes away: every connection to it ends.
+  void stop();
+
+ private:
+  std::optional<rill::Reply> call(rill::Request request);
+
+  std::string socket_path_;
+  std::unique_ptr<rill::Broker> broker_;
+  std::thread thread_;
+};
+
+// Sandbox layout: <sandbox>/uuidmount/<name> are the partitions' mounts,
+// <sandbox>/kord.ini and <sandbox>/location the metadata files.
+class StorageTest : public SandboxTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Starts the broker with the model; the text "@ROOT@" in it stands for the
+  // sandbox's storage root.
+  void startBroker(const std::string& model, int64_t stage = 100, size_t max_subscriptions = 1024);
+  // Makes the storage model again with config_ (after a test changed it).
+  void remakeModel();
+  // A daemon connection ("zib_client") handed to the storage model.
+  rill_conn_t* connectModel();
+  void closeConnection();
+  // Makes the mount directory <root>/<name>, with a tag database when asked.
+  std::string mount(const std::string& name, bool with_database = false);
+
+  std::string root_;
+  StorageConfig config_;
+  FakeWatchRequests watches_;
+  FakeScanner scanner_;
+  std::unique_ptr<InProcessBroker> broker_;
+  std::unique_ptr<StorageModel> model_;
+  rill_conn_t* conn_ = nullptr;
+};
+
+}  // namespace zibd::test
