@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Runs every libFuzzer target of a fuzz build for SECONDS each (default 5),
+# starting from the seed corpus in fuzz/corpus/TARGET. New inputs go to a
+# scratch directory (or CORPUS_DIR/TARGET when CORPUS_DIR is set), never into
+# the repository. Prints each target's executions; exits 1 at the first target
+# whose property failed or that crashed (libFuzzer saves the input as
+# crash-*/leak-*/timeout-* in ARTIFACTS, default the scratch directory).
+#
+#   fuzz/run.sh [BUILD_DIR [SECONDS [TARGET...]]]     BUILD_DIR default build/fuzz
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build/fuzz}
+seconds=${2:-5}
+shift $(($# < 2 ? $# : 2))
+targets=("$@")
+((${#targets[@]})) || targets=(wire condition file_type_map model)
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+artifacts=${ARTIFACTS:-$scratch}
+mkdir -p "$artifacts"
+
+for t in "${targets[@]}"; do
+  program=$build/fuzz/fuzz_$t
+  [ -x "$program" ] || { echo "fuzz/run.sh: no $program (scripts/build.sh fuzz builds it)" >&2; exit 2; }
+  corpus=${CORPUS_DIR:+$CORPUS_DIR/$t}
+  corpus=${corpus:-$scratch/corpus-$t}
+  mkdir -p "$corpus"
+  log=$scratch/$t.log
+  if ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+     "$program" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
+       -print_final_stats=1 -artifact_prefix="$artifacts/$t-" "$corpus" "fuzz/corpus/$t" >"$log" 2>&1; then
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    echo "fuzz $t: ${runs:-?} executions in ${seconds}s, no failure"
+  else
+    echo "fuzz $t: FAILED" >&2
+    grep -E "property does not hold|ERROR:|SUMMARY:|Test unit written" "$log" >&2 || tail -n 30 "$log" >&2
+    exit 1
+  fi
+done
