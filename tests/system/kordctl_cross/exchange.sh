@@ -33,9 +33,9 @@ expect() {
 
 root=/var/uuidmount/4f2a-91c3
 film=$root/Media/Movies/holiday.mkv
-song=$root/Media/Music/$'M\xc3\xbcller \xe2\x80\x94 Caf\xc3\xa9'.mp3
+song=$root/Media/Music/$'M\xc3\xbcller\n\xe2\x80\x94 Caf\xc3\xa9'.mp3  # a newline too
 hash=9e107d9d372bb6826bd81d3542a419d6
-title=$'Caf\xc3\xa9 \xe2\x80\x94 \xff\xfe\x80\xa0 end'  # UTF-8 and bytes that are not
+title=$'Caf\xc3\xa9 \xe2\x80\x94 \xff\xfe\x80\xa0\nend'  # UTF-8, bytes that are not, a newline
 long=$(printf 'chunk-%04d:\xc3\xa4\xc3\xb6\xc3\xbc;' $(seq 400))  # spills onto overflow pages
 # Long directory names, so that the tables and the path index span several
 # pages of the B-tree.
