@@ -1,0 +1,149 @@
+#include "watch/change_handler.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "common/fs_error.h"
+#include "common/walk.h"
+#include "platform/kord.h"
+
+namespace zibd {
+
+namespace {
+
+constexpr char kInvisibleTag[] = ".s.invisible";
+
+bool has(std::uint32_t flags, std::uint32_t wanted) { return (flags & wanted) == wanted; }
+
+bool under(const std::string& prefix, const char* path) { return fsPathIsUnder(prefix.c_str(), path); }
+
+// Whether a move from old_path to path changes what the media server may
+// show of the managed partition: out of its Media tree to the rest of the
+// partition, or from the rest of the partition into Media or off the
+// partition.
+bool movedAcrossMedia(const std::string& partition, const char* old_path, const char* path) {
+  if (!under(partition, old_path) && !under(partition, path)) return false;
+  const std::string media = partition + "/Media";
+  const bool out_of_media = under(media, old_path) && !under(media, path) && under(partition, path);
+  const bool into_media_or_away = under(partition, old_path) && !under(media, old_path) &&
+                                  (under(media, path) || !under(partition, path));
+  return out_of_media || into_media_or_away;
+}
+
+struct BulkCloser {
+  void operator()(kord_bulk_t* handle) const noexcept { kord_bulk_fini(handle); }
+};
+
+// Marks the moved tree invisible in one bulk operation; a tag store that
+// cannot be opened skips it.
+void tagInvisible(const char* path) {
+  std::unique_ptr<kord_bulk_t, BulkCloser> bulk(kord_bulk_init());
+  if (!bulk) return;
+  (void)kord_bulk_setpath(bulk.get(), path);
+  (void)kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "1");
+  (void)kord_bulk_commit(bulk.get());
+}
+
+}  // namespace
+
+std::time_t fsWallClock() { return std::time(nullptr); }
+
+// Unsigned, as a clock that steps back must not hold anything for ever.
+bool ChangeHandler::settled(std::time_t since, std::time_t now) const {
+  return static_cast<std::uint64_t>(now - since) >= static_cast<std::uint64_t>(kFsSettleSeconds);
+}
+
+int ChangeHandler::fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) {
+  FsPathBuffer parent;
+  const int dir_result = fsDirName(path, parent.data(), kFsPathMax);
+  if (dir_result != kFsOk) return dir_result;
+
+  if (has(flags, FS_CHANGE_DELETED)) {
+    const std::time_t now = now_();
+    // A directory's delete stands for the deletes of its contents.
+    if (has(flags, FS_CHANGE_DIR))
+      deletes_.remove_if([&](const PendingDelete& d) { return fsPathIsUnder(path, d.path.c_str()); });
+    deletes_.push_front({path, now});
+    return kFsOk;
+  }
+  if (has(flags, FS_CHANGE_MOVED)) return handleMove(path, old_path, parent.data(), flags);
+
+  const bool created_file = has(flags, FS_CHANGE_CREATED | FS_CHANGE_FILE);
+  const bool written_file = has(flags, FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
+  const std::time_t now = now_();
+  for (PendingChange& change : changes_) {
+    if (change.directory != parent.data()) continue;
+    change.time = now;
+    if (!change.waiting_for_close && created_file)
+      change.waiting_for_close = true;
+    else if (change.waiting_for_close && written_file)
+      change.waiting_for_close = false;
+    return kFsOk;
+  }
+  changes_.push_back({parent.data(), now, created_file});
+  return kFsOk;
+}
+
+int ChangeHandler::handleMove(const char* path, const char* old_path, const char* new_parent,
+                              std::uint32_t flags) {
+  if (!old_path) return kFsErrInvalid;
+  const std::optional<std::string> partition = storage_.managedPartitionPath();
+  const int result = kord_move(old_path, path);
+
+  FsPathBuffer old_parent;
+  if (fsDirName(old_path, old_parent.data(), kFsPathMax) == kFsOk) {
+    storage_.sendChangeEvent(new_parent);
+    storage_.sendChangeEvent(old_parent.data());
+  }
+  if (has(flags, FS_CHANGE_DIR)) {
+    const std::size_t old_len = std::char_traits<char>::length(old_path);
+    for (PendingChange& change : changes_)
+      if (fsPathIsUnder(old_path, change.directory.c_str()))
+        change.directory = std::string(path) + change.directory.substr(old_len);
+  }
+  if (partition && movedAcrossMedia(*partition, old_path, path)) tagInvisible(path);
+  return result;
+}
+
+void ChangeHandler::fsFlushChanges() {
+  if (!storage_.storageReady()) {
+    // Nothing is kept for a storage that may never come.
+    changes_.clear();
+    deletes_.clear();
+    return;
+  }
+  const std::time_t now = now_();
+
+  std::vector<PendingChange> kept;
+  for (PendingChange& change : changes_) {
+    if (change.waiting_for_close || !settled(change.time, now)) {
+      kept.push_back(std::move(change));
+      continue;
+    }
+    scans_.enqueue(change.directory, kScanChangedDirectory);
+    storage_.sendChangeEvent(change.directory);
+  }
+  changes_ = std::move(kept);
+
+  for (auto it = deletes_.begin(); it != deletes_.end();) {
+    if (!settled(it->time, now)) {
+      ++it;
+      continue;
+    }
+    FsPathBuffer parent;
+    if (fsDirName(it->path.c_str(), parent.data(), kFsPathMax) == kFsOk)
+      storage_.sendChangeEvent(parent.data());
+    (void)kord_delete(it->path.c_str());
+    it = deletes_.erase(it);
+  }
+}
+
+std::vector<std::string> ChangeHandler::pendingDeletes() const {
+  std::vector<std::string> paths;
+  for (const PendingDelete& d : deletes_) paths.push_back(d.path);
+  return paths;
+}
+
+}  // namespace zibd
