@@ -1,0 +1,82 @@
+// The scan request queue: paths to scan, carried from the threads that learn
+// of them (the bus thread, the filesystem change handling) to the one scanner
+// thread. Kinds 0 (a changed directory) and 2 (a forced rescan) wait in the
+// priority list, which is always taken first; kinds 1 and 3 in the ordinary
+// list. A forced rescan replaces the first waiting ordinary request of the
+// same path.
+//
+// The queue tells the bus thread when it has work (reportProfiling(1), on the
+// first request into an idle queue) and when a take finds it empty
+// (reportProfiling(0)); these are the "Profiling" and "Ready" statuses.
+//
+// Lock order: the storage lock is taken before this queue's mutex, never
+// after it (the bus thread queues requests with the storage lock held). The
+// scanner lock (scan/scanner_state.h) is never held together with it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <string>
+
+#include "common/mutex.h"
+#include "scan/scan_reports.h"
+#include "scan/scan_requests.h"
+#include "storage/storage_queries.h"
+
+namespace zibd {
+
+struct ScanRequest {
+  std::string path;  // canonical (realpath), without a trailing '/'
+  uint32_t kind = 0;
+};
+
+class ScanQueue final : public ScanRequests {
+ public:
+  // running is the daemon's running flag: once it is 0, take() empties the
+  // queue and returns nothing.
+  ScanQueue(const StorageQueries& storage, ScanReports& reports, const std::atomic<int>& running);
+  ScanQueue(const ScanQueue&) = delete;
+  ScanQueue& operator=(const ScanQueue&) = delete;
+
+  // Drops the request while no metadata storage is chosen, when path does not
+  // resolve (missing, too long) or when kind is none of ScanKind. Any thread.
+  void enqueue(const std::string& path, uint32_t kind) override EXCLUDES(mutex_);
+
+  // The next request, priority list first. When nothing waits it blocks until
+  // a request arrives, a wake() or a spurious wake-up, and tries once more:
+  // nothing is a normal result. Once running is 0 it drops every waiting
+  // request and returns nothing. Scanner thread only.
+  std::optional<ScanRequest> take() EXCLUDES(mutex_);
+
+  // Drops every waiting request whose path is prefix or lies below it
+  // (prefix followed by '/'); "" drops every request.
+  void removeUnder(const std::string& prefix) EXCLUDES(mutex_);
+
+  // Drops every waiting request. The busy state is left as it is: the next
+  // take reports the queue empty.
+  void clear() EXCLUDES(mutex_);
+
+  // Wakes a take that waits, without queuing anything.
+  void wake() EXCLUDES(mutex_);
+
+  // Waiting requests, for tests and diagnostics.
+  std::size_t size() const EXCLUDES(mutex_);
+
+ private:
+  std::optional<ScanRequest> popLocked() REQUIRES(mutex_);
+
+  const StorageQueries& storage_;
+  ScanReports& reports_;
+  const std::atomic<int>& running_;
+
+  mutable Mutex mutex_;
+  CondVar wakeup_;
+  std::list<ScanRequest> priority_ GUARDED_BY(mutex_);
+  std::list<ScanRequest> ordinary_ GUARDED_BY(mutex_);
+  // Set when "work pending" was reported and "idle" not yet.
+  bool busy_ GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zibd
