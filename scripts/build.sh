@@ -5,6 +5,7 @@
 #   tsan   ThreadSanitizer
 #   mips   the gateway's big-endian 32-bit MIPS (tests run under qemu-mips)
 #   tsa    clang++ -Wthread-safety -Werror compile of the daemon (no tests)
+#   fuzz   clang libFuzzer targets of fuzz/ (no tests; fuzz/run.sh runs them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 variant=${1:-host}
@@ -16,6 +17,9 @@ case "$variant" in
               -DZIBD_BUILD_TESTS=OFF -DZIBD_BUILD_BENCH=OFF)
        targets=(--target zibd) ;;
   asan) args+=(-DZIBD_SANITIZE=address,undefined -DZIBD_BUILD_BENCH=OFF) ;;
+  fuzz) args+=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DZIBD_FUZZ=ON
+               -DZIBD_SANITIZE=fuzzer-no-link,address,undefined -DZIBD_BUILD_TESTS=OFF -DZIBD_BUILD_BENCH=OFF)
+        targets=(--target fuzz_all) ;;
   tsan) args+=(-DZIBD_SANITIZE=thread -DZIBD_BUILD_BENCH=OFF) ;;
   mips)
     # The target's SQLite, built once from Debian's source into a cache.
@@ -30,7 +34,7 @@ case "$variant" in
     args+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mips-linux-gnu.cmake" -DZIBD_BUILD_BENCH=OFF
            -DSQLITE3_LIBRARY="$sqlite/lib/libsqlite3.a" -DSQLITE3_INCLUDE_DIR="$sqlite/include"
            -DZIBD_HOST_KORDCTL="$hosttools/bin/kordctl") ;;
-  *) echo "build.sh: unknown variant '$variant' (host, asan, tsan, mips, tsa)" >&2; exit 2 ;;
+  *) echo "build.sh: unknown variant '$variant' (host, asan, tsan, mips, tsa, fuzz)" >&2; exit 2 ;;
 esac
 # Configure speaks up: a missing compiler or library stops the build here
 # with CMake's own message instead of leaving targets out.

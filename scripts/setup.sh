@@ -8,6 +8,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev sqlite3
   g++-mips-linux-gnu qemu-user
+  clang libclang-rt-14-dev
   dpkg-dev tcl
   libfaketime faketime
   util-linux mount procps

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 variants=("$@")
-((${#variants[@]})) || variants=(layers host asan tsan tsa mips)
+((${#variants[@]})) || variants=(layers host asan tsan tsa mips fuzz)
 
 # ThreadSanitizer cannot map its shadow memory with the kernel's largest
 # address-space randomisation; run its tests with randomisation off.
@@ -26,6 +26,11 @@ for v in "${variants[@]}"; do
     continue
   fi
   echo "=== $v: build"
+  if [ "$v" = fuzz ]; then
+    # Each libFuzzer target for a few seconds from its seed corpus (docs/fuzzing.md).
+    { scripts/build.sh fuzz && fuzz/run.sh build/fuzz 5; } || failed+=("$v")
+    continue
+  fi
   if [ "$v" = tsa ]; then
     # A compile, not a test run: the lock annotations are checked by clang.
     scripts/build.sh tsa || failed+=("$v")
