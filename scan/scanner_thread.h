@@ -1,0 +1,78 @@
+// The scanner thread: serves the scan request queue one request at a time.
+//
+//   kind 0  scan and profile the files directly in the directory
+//   kind 1  scan and profile the tree, then report the partition scanned
+//   kind 2  the same (a forced rescan)
+//   kind 3  clean the database below the path: drop the files that are gone
+//           or no longer wanted, then signal the tag store's update file
+//
+// step() is one pass (one take, one request carried out, back to idle); run()
+// is the thread body. Tests call step() directly.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "scan/file_type_map.h"
+#include "scan/kord_bulk.h"
+#include "scan/profiler_run.h"
+#include "scan/scan_queue.h"
+#include "scan/scan_reports.h"
+#include "scan/scanner_state.h"
+#include "scan/tagging.h"
+#include "storage/index_rules.h"
+#include "storage/storage_queries.h"
+
+namespace zibd {
+
+// Opened (and closed at once) after a database cleanup: the tag store's
+// signal to look at its configuration again.
+inline constexpr char kKordUpdateSignal[] = "/var/kord/meta/.update";
+
+class ScannerThread {
+ public:
+  ScannerThread(ScanQueue& queue, ScannerState& state, FileTypeMap& types, IndexRules& rules,
+                StorageQueries& storage, ScanReports& reports, const std::atomic<int>& running,
+                std::string update_signal = kKordUpdateSignal);
+  // Joins the thread if it still runs: stop it first (ScannerState::stopScanner
+  // with running 0).
+  ~ScannerThread();
+  ScannerThread(const ScannerThread&) = delete;
+  ScannerThread& operator=(const ScannerThread&) = delete;
+
+  // Opens the tag-store handle. False when the tag store gives none: there is
+  // no scanner then, and run() ends at once.
+  bool open();
+
+  // One pass: takes a request (blocking while the queue is empty and the
+  // daemon runs), carries it out, and goes back to idle.
+  void step();
+
+  // The thread body: open, then step() while running, then back to idle for
+  // good. Nothing escapes it; a request that fails for want of memory is
+  // dropped.
+  void run() noexcept;
+
+  // Starts run() on a thread of its own. Throws std::system_error when the
+  // thread cannot be made.
+  void start();
+  void join();
+
+ private:
+  void cleanup(const std::string& path);
+
+  ScanQueue& queue_;
+  ScannerState& state_;
+  IndexRules& rules_;
+  StorageQueries& storage_;
+  ScanReports& reports_;
+  const std::atomic<int>& running_;
+  const std::string update_signal_;
+  KordBulk bulk_;
+  Tagger tagger_;
+  ProfilerRun profiler_;
+  std::thread thread_;
+};
+
+}  // namespace zibd
