@@ -9,8 +9,16 @@
 // needs by reference.
 #pragma once
 
+#include <memory>
+#include <thread>
+
 #include "common/file_descriptor.h"
+#include "frame/daemon_state.h"
 #include "scan/file_type_map.h"
+#include "watch/change_handler.h"
+#include "watch/watch_request_queue.h"
+#include "watch/watch_table.h"
+#include "watch/watcher_thread.h"
 
 namespace zibd {
 
@@ -34,6 +42,24 @@ class Daemon {
   // --- storage model (storage/) ---
   // --- scanner (scan/) ---
   // --- watcher and event loop (watch/) ---
+  // Partition trees come and go through watch_requests (WatchRequests), which
+  // the watcher thread works off into watch_table; the event loop on the main
+  // thread reads the table's inotify instance.
+  WatchRequestQueue watch_requests;
+  WatchTable watch_table{watch_requests.addAbortedFlag()};
+  WatcherThread watcher{watch_requests, watch_table, g_daemon.running};
+  std::thread watcher_thread;
+  // What the change handling asks of the scan queue and the storage model:
+  // their sections point these at their objects before the event loop runs.
+  // While one is missing, the event loop drops its notices, as it does while
+  // no metadata storage is ready.
+  ScanRequests* watch_scans = nullptr;
+  StorageQueries* watch_storage = nullptr;
+  std::unique_ptr<ChangeHandler> change_handler;
+  // Start-up: makes the inotify instance; 0, or non-zero on failure.
+  int initWatch();
+  // Start-up: starts the watcher thread. False when it could not be launched.
+  bool startWatcher();
   // --- bus client (bus/) ---
 
   // The main thread's work until a termination signal arrives.

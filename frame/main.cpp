@@ -95,6 +95,14 @@ void daemonize(const std::string& program) {
   if (proc_lib_daemonize(program.c_str()) != 0) failStartup("proc_lib_daemonize() failed\n");
 }
 
+void initWatch(Daemon& daemon) {
+  if (daemon.initWatch() != 0) failStartup("fsInitWatch() failed\n");
+}
+
+void startWatcher(Daemon& daemon) {
+  if (!daemon.startWatcher()) failStartup("Could not launch watcher thread\n");
+}
+
 void installSignalHandler() {
   if (blockTerminationSignals(&g_daemon.termination_wait_mask) != 0)
     failStartupWithErrno("pthread_sigmask");
@@ -116,7 +124,9 @@ int main(int argc, char* argv[]) {
   loadTypeMap(daemon, *options.map_path);
   lowerPriority();
   if (options.daemonize) daemonize(program);
+  initWatch(daemon);
   installSignalHandler();
+  startWatcher(daemon);
   daemon.runEventLoop();
   daemon.shutdown();
   return EXIT_SUCCESS;
