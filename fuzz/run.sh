@@ -5,6 +5,9 @@
 # the repository. Prints each target's executions; exits 1 at the first target
 # whose property failed or that crashed (libFuzzer saves the input as
 # crash-*/leak-*/timeout-* in ARTIFACTS, default the scratch directory).
+# TIMEOUT is the seconds one input may take (default 10; raise it for long
+# runs at low priority on a busy machine, where a starved process would
+# otherwise be taken for a hang). LOG_DIR keeps libFuzzer's output.
 #
 #   fuzz/run.sh [BUILD_DIR [SECONDS [TARGET...]]]     BUILD_DIR default build/fuzz
 set -euo pipefail
@@ -26,9 +29,10 @@ for t in "${targets[@]}"; do
   corpus=${CORPUS_DIR:+$CORPUS_DIR/$t}
   corpus=${corpus:-$scratch/corpus-$t}
   mkdir -p "$corpus"
-  log=$scratch/$t.log
+  log=${LOG_DIR:-$scratch}/$t.log
+  mkdir -p "$(dirname "$log")"
   if ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-     "$program" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
+     "$program" -max_total_time="$seconds" -max_len=4096 -timeout="${TIMEOUT:-10}" -rss_limit_mb=2048 \
        -print_final_stats=1 -artifact_prefix="$artifacts/$t-" "$corpus" "fuzz/corpus/$t" >"$log" 2>&1; then
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     echo "fuzz $t: ${runs:-?} executions in ${seconds}s, no failure"
