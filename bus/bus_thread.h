@@ -1,0 +1,101 @@
+// The bus thread: the daemon's one link to the configuration bus. It waits for
+// the gateway's start-up stage, connects as "zib_client", reads the disks,
+// partitions and index rules, subscribes to their changes and then waits on
+// the control pipe and the notification socket. It owns the settle deadline
+// that, once disks and partitions stop changing, chooses the metadata storage
+// and queues the partitions' scans.
+//
+// When a connection that reached the loop ends, for whatever reason (stop
+// message, daemon stopping, bus lost), the thread ends: it writes "0" into the
+// sync pipe and closes the control pipe. Before that, a failed set-up is
+// retried after a pause, five connection attempts over the thread's life at
+// most; when the connection cannot even be created five times the thread ends
+// without writing to the sync pipe (a later shutdown then waits for ever; a
+// known limit kept on purpose).
+//
+// Each pass of step() does one piece of that: the start-up wait, one
+// connection attempt, or one wait of the loop with its work.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bus/control_pipe.h"
+#include "bus/notification_handler.h"
+#include "bus/profiling_status.h"
+#include "common/file_descriptor.h"
+#include "scan/scan_requests.h"
+#include "storage/rule_registry.h"
+#include "storage/storage_model.h"
+
+namespace zibd {
+
+struct BusTiming {
+  int stage = 71;                                // start-up stage to wait for
+  std::chrono::milliseconds first_pause{60000};  // after the stage, before connecting
+  std::chrono::milliseconds retry_pause{5000};   // after a failed set-up
+  int max_attempts = 5;                          // connection attempts over the thread's life
+};
+
+class BusThread {
+ public:
+  enum class State { kStarting, kConnecting, kLooping, kDone };
+
+  // sync_write: the sync pipe's write end, which gets "0" when the thread ends.
+  BusThread(StorageModel& storage, RuleRegistry& rules, ScanRequests& scans, ControlPipe& pipe,
+            const FileDescriptor& sync_write, const std::atomic<int>& running, BusTiming timing = {});
+  ~BusThread();
+  BusThread(const BusThread&) = delete;
+  BusThread& operator=(const BusThread&) = delete;
+
+  // The bus client's start: creates the control pipe, tunes the bus library
+  // and starts the thread. 0, or the failed step's result.
+  int start();
+  void join();
+
+  // One pass; false once the thread has ended.
+  bool step();
+  // The thread body: step() until the thread has ended.
+  void run() noexcept;
+
+  State state() const { return state_; }
+  int attempts() const { return attempts_; }
+  const SubscriptionTable& subscriptions() const { return ids_; }
+  ProfilingStatus& profiling() { return profiling_; }
+
+ private:
+  bool pause(std::chrono::milliseconds length);
+  bool takeMessages(bool* stop);
+  void connect();
+  bool readAll(const char* path, rill_reply_fn collector, std::vector<std::string>* paths);
+  bool subscribe();
+  void loopOnce();
+  void expire();
+  void releaseConnection();
+  void endConnection();
+  void leave();
+
+  StorageModel& storage_;
+  RuleRegistry& rules_;
+  ScanRequests& scans_;
+  ControlPipe& pipe_;
+  const FileDescriptor& sync_write_;
+  const std::atomic<int>& running_;
+  const BusTiming timing_;
+  ProfilingStatus profiling_;
+  SubscriptionTable ids_{};
+  NotificationHandler handler_;
+
+  State state_ = State::kStarting;
+  int attempts_ = 0;
+  bool retry_ = true;        // the connection has not reached the loop
+  bool subscribed_ = false;  // the subscriptions of this connection succeeded
+  rill_conn_t* conn_ = nullptr;
+  int socket_ = -1;
+  std::thread thread_;
+};
+
+}  // namespace zibd

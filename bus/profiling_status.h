@@ -1,0 +1,23 @@
+// "ProfilingStatus" of "VFS.MetaDataService": "Profiling" while the daemon is
+// scanning and profiling, "Ready" otherwise. Bus thread only.
+#pragma once
+
+#include "storage/storage_model.h"
+
+namespace zibd {
+
+class ProfilingStatus {
+ public:
+  explicit ProfilingStatus(StorageModel& storage) : storage_(storage) {}
+
+  // Publishes the new state when it differs from the current one; a failed
+  // publication is not retried. Nothing is published at start-up.
+  void set(int busy) EXCLUDES(storage_.storage_lock);
+  bool busy() const { return busy_ != 0; }
+
+ private:
+  StorageModel& storage_;
+  int busy_ = 0;
+};
+
+}  // namespace zibd
