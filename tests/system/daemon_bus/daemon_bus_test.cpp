@@ -1,0 +1,86 @@
+// The real zibd on a real broker in the gateway sandbox, its clock sped up
+// tenfold (libfaketime): the metadata storage is chosen once the disks have
+// settled, lost with its disk and chosen again; an unmount request gives the
+// disk back; a broker that dies leaves zibd idle and still stoppable.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/support/subprocess.h"
+
+namespace zibd::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr char kFakeTime[] = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
+
+constexpr char kProbe[] = R"sh(
+set -u
+export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
+mkdir -p /var/uuidmount/aaaa /var/uuidmount/bbbb
+printf 'mkv:STDVIDEO:/bin/true:\n' >/tmp/types.ini
+printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk \
+  VFS.MetaDataService.ProfilingStatus=Ready Storage.Disk.1.CapacityInMBytes=1000 Storage.Disk.1.DoUnMount=0 \
+  Storage.Disk.1.Partition.1.MountPoint=/var/uuidmount/aaaa Storage.Disk.1.Partition.1.Status=1 \
+  Storage.Disk.1.Partition.1.FreeSpaceInKBytes=1048576 >/tmp/gateway.model
+"$RILLD" --model /tmp/gateway.model & broker=$!
+for _ in $(seq 100); do [ -S "$RILL_SOCKET" ] && break; sleep 0.05; done
+NO_FAKE_STAT=1 FAKETIME="+0 x10" LD_PRELOAD="$FAKETIME_LIB" "$ZIBD_PROGRAM" -t /tmp/types.ini 2>/tmp/zibd.err &
+zibd=$!
+"$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus OK 60 && echo "chosen"
+echo "ini=$(cat /tmp/.kord/kord.ini)"
+echo "location=$(cat /rw/zib_metadata_location)|"
+echo "refcount1=$("$RILLCTL" refcount Storage.Disk.1)"
+"$RILLCTL" add Storage.Disk.2 CapacityInMBytes=500 DoUnMount=0
+"$RILLCTL" add Storage.Disk.2.Partition.1 MountPoint=/var/uuidmount/bbbb Status=1 FreeSpaceInKBytes=1048576
+"$RILLCTL" del Storage.Disk.1
+"$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus NoSuitableDisk 30 && echo "lost"
+echo "emptied=$(stat -c %s /tmp/.kord/kord.ini)"
+"$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus OK 60 && echo "chosen again"
+echo "location=$(cat /rw/zib_metadata_location)|"
+echo "statuses=$("$RILLCTL" history VFS.MetaDataService.MetaDataStorageStatus | tr '\n' ' ')"
+echo "refcount2=$("$RILLCTL" refcount Storage.Disk.2)"
+"$RILLCTL" set Storage.Disk.2.DoUnMount 1
+for _ in $(seq 200); do [ "$("$RILLCTL" refcount Storage.Disk.2)" = 0 ] && break; sleep 0.05; done
+echo "after unmount=$("$RILLCTL" refcount Storage.Disk.2)"
+kill -KILL $broker
+wait $broker 2>/dev/null
+ticks() { awk '{print $14 + $15}' /proc/$zibd/stat; }
+before=$(ticks); sleep 3; after=$(ticks)
+echo "cpu ticks over 3 s=$((after - before))"
+kill -TERM $zibd
+wait $zibd
+echo "zibd exit=$?"
+cat /tmp/zibd.err
+)sh";
+
+std::string dirName(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+TEST(DaemonBusTest, ChoosesLosesAndChoosesAgainTheMetadataStorageAndOutlivesTheBroker) {
+  if (::access(kFakeTime, R_OK) != 0) GTEST_SKIP() << "no libfaketime";
+  const std::string zibd = binary("zibd"), rilld = binary("rilld"), rillctl = binary("rillctl");
+  Env env{{{"ZIBD_PROGRAM", zibd},
+           {"RILLD", rilld},
+           {"RILLCTL", rillctl},
+           {"FAKETIME_LIB", kFakeTime},
+           {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
+  const Result r = run({"/bin/bash", std::string(ZIBD_SOURCE_DIR) + "/scripts/sandbox.sh", "/bin/bash", "-c", kProbe},
+                       env, "", std::chrono::seconds(150));
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_THAT(r.out, HasSubstr("chosen\n"));
+  EXPECT_THAT(r.out, ::testing::ContainsRegex(
+                         "ini=dms-metadata-db-[0-9]+:/var/uuidmount:/var/uuidmount/aaaa/\\.kord/tagdb\n"));
+  EXPECT_THAT(r.out, HasSubstr("location=/var/uuidmount/aaaa|"));
+  EXPECT_THAT(r.out, HasSubstr("refcount1=1\n"));
+  EXPECT_THAT(r.out, HasSubstr("lost\nemptied=0\n"));
+  EXPECT_THAT(r.out, HasSubstr("chosen again\nlocation=/var/uuidmount/bbbb|"));
+  EXPECT_THAT(r.out, HasSubstr("statuses=OK NoSuitableDisk OK \n"));
+  EXPECT_THAT(r.out, HasSubstr("refcount2=1\n"));
+  EXPECT_THAT(r.out, HasSubstr("after unmount=0\n"));
+  EXPECT_THAT(r.out, HasSubstr("cpu ticks over 3 s=0\n"));
+  EXPECT_THAT(r.out, HasSubstr("zibd exit=0\n"));
+}
+
+}  // namespace
+}  // namespace zibd::test
