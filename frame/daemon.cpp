@@ -1,5 +1,7 @@
 #include "frame/daemon.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <system_error>
 
@@ -25,7 +27,27 @@ bool Daemon::startScanner() {
   return true;
 }
 
+void Daemon::wireStorageAndBus() {
+  scan_storage = &storage;
+  scan_rules = &index_rules;
+  scan_reports = &bus_control;
+  makeScanner();
+  upward.scanner = scanner_state.get();
+  upward.scans = scan_queue.get();
+}
+
+int Daemon::startBus() {
+  const int result = bus.start();
+  bus_started = result == 0;
+  return result;
+}
+
 int Daemon::initWatch() {
+  // The storage model and the bus thread queue watch requests through upward;
+  // the change handling queues scans through it and asks the storage model.
+  upward.watches = &watch_requests;
+  watch_scans = &upward;
+  watch_storage = &storage;
   return watch_table.fsInitWatch();
 }
 
@@ -55,6 +77,8 @@ void Daemon::shutdown() {
   // loop may also have ended on a failed wait: the flag tells every thread.
   g_daemon.running.store(0);
   watch_requests.fsStopWatcher();
+  // Stop the bus thread's loop (nowhere once it has ended by itself).
+  bus_control.stop();
   (void)watch_table.fsCloseWatch();
   type_map.clear();
   // Whatever was queued meanwhile is dropped. The wake ends a take that began
@@ -65,6 +89,13 @@ void Daemon::shutdown() {
   }
   if (scanner) scanner->join();
   if (watcher_thread.joinable()) watcher_thread.join();
+  if (bus_started) {
+    // The bus thread writes its byte when it has left its loop.
+    char byte;
+    while (::read(sync_pipe.read_end.get(), &byte, 1) < 0 && errno == EINTR) {
+    }
+    bus.join();
+  }
   sync_pipe.read_end.reset();
   sync_pipe.write_end.reset();
   g_daemon.termination_pipe.read_end.reset();

@@ -12,6 +12,8 @@
 #include <memory>
 #include <thread>
 
+#include "bus/bus_thread.h"
+#include "bus/control_pipe.h"
 #include "common/file_descriptor.h"
 #include "frame/daemon_state.h"
 #include "scan/file_type_map.h"
@@ -20,7 +22,11 @@
 #include "scan/scanner_state.h"
 #include "scan/scanner_thread.h"
 #include "storage/index_rules.h"
+#include "storage/rule_registry.h"
+#include "storage/scanner_control.h"
+#include "storage/storage_model.h"
 #include "storage/storage_queries.h"
+#include "storage/watch_requests.h"
 #include "watch/change_handler.h"
 #include "watch/watch_request_queue.h"
 #include "watch/watch_table.h"
@@ -46,6 +52,33 @@ class Daemon {
   // objects (members declared here) and fills in its own steps of start(),
   // runEventLoop() and shutdown() in daemon.cpp.
   // --- storage model (storage/) ---
+  // The storage model and the bus thread call up into the watcher and the
+  // scanner through `upward`, which forwards to the objects the watch and scan
+  // sections make; wireStorageAndBus() points it at them before any thread
+  // starts. A call whose receiver is missing does nothing.
+  struct UpwardCalls final : WatchRequests, ScannerControl, ScanRequests {
+    WatchRequests* watches = nullptr;
+    ScannerControl* scanner = nullptr;
+    ScanRequests* scans = nullptr;
+    void fsQueueAddWatch(const std::string& path) override {
+      if (watches) watches->fsQueueAddWatch(path);
+    }
+    void fsQueueRemoveWatch(const std::string& path) override {
+      if (watches) watches->fsQueueRemoveWatch(path);
+    }
+    void stopBelow(const std::string& path) override {
+      if (scanner) scanner->stopBelow(path);
+    }
+    void stopAll() override {
+      if (scanner) scanner->stopAll();
+    }
+    void enqueue(const std::string& path, uint32_t kind) override {
+      if (scans) scans->enqueue(path, kind);
+    }
+  };
+  UpwardCalls upward;
+  StorageModel storage{upward, upward};
+  RuleRegistry index_rules;
   // --- scanner (scan/) ---
   // What the scanner asks of the storage model and reports to the bus thread:
   // the storage and bus sections point these at their objects before
@@ -85,6 +118,19 @@ class Daemon {
   // Start-up: starts the watcher thread. False when it could not be launched.
   bool startWatcher();
   // --- bus client (bus/) ---
+  // Other threads send the bus thread its work through bus_control (the
+  // scanner's ScanReports); the bus thread writes "0" into sync_pipe when it
+  // ends.
+  ControlPipe bus_control;
+  BusThread bus{storage, index_rules, upward, bus_control, sync_pipe.write_end, g_daemon.running};
+  bool bus_started = false;
+  // Start-up, before any thread starts: hands the scanner the storage model,
+  // the rules and the control pipe, makes it, and points `upward` at the
+  // scanner's objects (and at the watcher's, once they exist).
+  void wireStorageAndBus();
+  // Start-up: creates the control pipe and starts the bus thread; 0, or the
+  // failed step's result.
+  int startBus();
 
   // The main thread's work until a termination signal arrives.
   void runEventLoop();

@@ -95,13 +95,18 @@ void daemonize(const std::string& program) {
   if (proc_lib_daemonize(program.c_str()) != 0) failStartup("proc_lib_daemonize() failed\n");
 }
 
-void initWatch(Daemon& daemon) {
-  if (daemon.initWatch() != 0) failStartup("fsInitWatch() failed\n");
-}
-
 void startScanner(Daemon& daemon) {
   daemon.makeScanner();
   if (!daemon.startScanner()) failStartup("Could not launch scanner thread\n");
+}
+
+void startBusClient(Daemon& daemon) {
+  daemon.wireStorageAndBus();
+  if (daemon.startBus() != 0) failStartup("Could not initialize rill client\n");
+}
+
+void initWatch(Daemon& daemon) {
+  if (daemon.initWatch() != 0) failStartup("fsInitWatch() failed\n");
 }
 
 void startWatcher(Daemon& daemon) {
@@ -131,6 +136,7 @@ int main(int argc, char* argv[]) {
   if (options.daemonize) daemonize(program);
   initWatch(daemon);
   installSignalHandler();
+  startBusClient(daemon);
   startScanner(daemon);
   startWatcher(daemon);
   daemon.runEventLoop();
