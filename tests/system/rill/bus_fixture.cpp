@@ -68,7 +68,9 @@ void BusTest::startBroker(const std::string& model, std::vector<std::string> ext
   if (max_descriptors > 0) {
     argv.insert(argv.begin(), {"/bin/sh", "-c", "ulimit -n " + std::to_string(max_descriptors) + " && exec \"$0\" \"$@\""});
   }
-  broker_ = std::make_unique<Process>(argv, env());
+  Env broker_env = env();
+  broker_env.set.insert(broker_env_.set.begin(), broker_env_.set.end());
+  broker_ = std::make_unique<Process>(argv, broker_env);
   ASSERT_TRUE(waitFor([&] { return accepts(socket_) || !broker_->running(); }));
   ASSERT_TRUE(broker_->running()) << broker_->err();
 }

@@ -80,6 +80,7 @@ class BusTest : public SandboxTest {
   bool awaitEvents(rill_conn_t* conn, size_t count);
 
   std::string socket_;
+  Env broker_env_;  // added to env() for the broker only
   std::unique_ptr<Process> broker_;
   std::vector<rill_conn_t*> conns_;
   std::vector<Event> events_;           // seen by the callbacks of subscribe()
