@@ -10,6 +10,8 @@
 
 #include "bus/bus_thread.h"
 #include "bus/control_pipe.h"
+#include "host/kord/kord_host.h"
+#include "platform/kord.h"
 #include "tests/support/wait_for.h"
 #include "tests/unit/storage/storage_fixture.h"
 
@@ -260,6 +262,55 @@ TEST_F(BusThreadTest, RuleChangesFollowTheValueChangeBoolean) {
   EXPECT_FALSE(rules().stFindRule("ContentSharing.UPnPAV.IndexRules.2"));
   EXPECT_THAT(scans_.taken(), ElementsAre(Pair(root_, kScanStorageRoot),
                                           Pair(root_ + "/stick/Pictures", kScanRuleDirectory)));
+}
+
+// The tag ".s.invisible" of a known file, or "-" without one.
+std::string invisible(const std::string& path) {
+  std::vector<std::pair<std::string, std::string>> tags;
+  if (kord::listTags(path, &tags) != kord::Status::kOk) return "?";
+  for (const auto& [name, value] : tags)
+    if (name == ".s.invisible") return value;
+  return "-";
+}
+
+TEST_F(BusThreadTest, ManagedDiskMovesAndOnlyItsMediaDirectoryStaysVisible) {
+  connectThread(std::chrono::seconds(0));
+  ASSERT_TRUE(thread_->step());  // settled: the tag database is on the big disk
+  ASSERT_EQ(model_->storageStatus(), kStorageOk);
+  const std::vector<std::string> files = {big_ + "/backup.mkv", big_ + "/Media/film.mkv", stick_ + "/old.mkv",
+                                          stick_ + "/Media/song.mkv"};
+  {
+    kord_bulk_t* bulk = kord_bulk_init();
+    ASSERT_NE(bulk, nullptr);
+    for (const std::string& file : files) {
+      sandbox_.write(file.substr(sandbox_.path().size() + 1), "x");
+      ASSERT_EQ(kord_bulk_setpath(bulk, file.c_str()), 0) << kord::lastError().message;
+      ASSERT_EQ(kord_bulk_settag(bulk, ".s.filetype", "STDVIDEO"), 0);
+    }
+    ASSERT_EQ(kord_bulk_commit(bulk), 0);
+    kord_bulk_fini(bulk);
+  }
+  // The big disk was managed from the start; the flag moves to the stick.
+  ASSERT_TRUE(broker_->set("Storage.Disk.2.Partition.1", "Manageddisk", "1"));
+  handleNotification();
+  EXPECT_EQ(invisible(stick_ + "/old.mkv"), "1");
+  EXPECT_EQ(invisible(stick_ + "/Media/song.mkv"), "0");
+  EXPECT_EQ(invisible(big_ + "/backup.mkv"), "0");
+  EXPECT_EQ(invisible(big_ + "/Media/film.mkv"), "0");
+  EXPECT_EQ(model_->managedPartitionPath(), stick_);
+  // Busy while tagging, ready again after.
+  EXPECT_THAT(published("ProfilingStatus"), ElementsAre("Profiling", "Ready"));
+  // Already managed: no tagging, no status.
+  ASSERT_TRUE(broker_->set("Storage.Disk.2.Partition.1", "Manageddisk", "yes"));
+  handleNotification();
+  ASSERT_TRUE(broker_->set("Storage.Disk.2.Partition.1", "Manageddisk", "1"));
+  handleNotification();
+  EXPECT_THAT(published("ProfilingStatus"), ElementsAre("Profiling", "Ready"));
+  // Unmanaged: everything visible again.
+  ASSERT_TRUE(broker_->set("Storage.Disk.2.Partition.1", "Manageddisk", "0"));
+  handleNotification();
+  EXPECT_EQ(invisible(stick_ + "/old.mkv"), "0");
+  EXPECT_FALSE(model_->managedPartitionPath());
 }
 
 TEST_F(BusThreadTest, LostBusEndsTheThreadWithoutSpinning) {
