@@ -41,8 +41,10 @@ std::optional<Path> parse(std::string_view text, bool allow_wildcard) {
   for (std::string_view token : splitDots(text)) {
     if (token == "*") {
       if (!allow_wildcard) return std::nullopt;
+      if (path.size() == kMaxSegments) return std::nullopt;
       path.push_back(Segment{{}, std::nullopt, true});
     } else if (isName(token)) {
+      if (path.size() == kMaxSegments) return std::nullopt;
       path.push_back(Segment{std::string(token), std::nullopt, false});
     } else if (auto number = parseInstance(token)) {
       // A number belongs to the name right before it.

@@ -19,6 +19,12 @@ namespace zibd::rill {
 
 // Longest path or parameter name accepted anywhere (broker, library, tool).
 inline constexpr size_t kMaxPathLength = 1024;
+// Most segments (names, each with its number if any) in a path, not counting
+// the parameter name of a parameter path. Every object
+// above an object exists too, keyed by its own path, so what an object costs
+// grows with the square of its depth: unbounded, one 1 KiB path of 500
+// segments would cost the broker megabytes.
+inline constexpr size_t kMaxSegments = 32;
 
 struct Segment {
   std::string name;                 // empty for a wildcard

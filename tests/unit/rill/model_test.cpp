@@ -41,6 +41,30 @@ TEST(RillPathTest, RejectsMalformedPaths) {
   EXPECT_FALSE(parsePattern(std::string(kMaxPathLength + 1, 'a')));
 }
 
+// Every object above an object exists too, so depth costs its square: paths
+// have at most kMaxSegments segments (an instance number is part of its
+// segment), not counting a parameter name after them.
+TEST(RillPathTest, PathsHaveAtMostKMaxSegmentsSegments) {
+  auto deep = [](size_t segments) {
+    std::string text = "A.1";
+    for (size_t i = 1; i < segments; ++i) text += ".A.1";
+    return text;
+  };
+  EXPECT_TRUE(parseObjectPath(deep(kMaxSegments)));
+  EXPECT_TRUE(parsePattern(deep(kMaxSegments - 1) + ".*"));
+  EXPECT_FALSE(parseObjectPath(deep(kMaxSegments + 1)));
+  EXPECT_FALSE(parsePattern(deep(kMaxSegments) + ".*"));
+  EXPECT_TRUE(parseParamPath(deep(kMaxSegments) + ".P"));
+  EXPECT_FALSE(parseParamPath(deep(kMaxSegments + 1) + ".P"));
+
+  Model model;
+  std::string error;
+  EXPECT_TRUE(loadModel(deep(kMaxSegments) + ".P=1\n", &model, &error)) << error;
+  EXPECT_EQ(model.size(), kMaxSegments);
+  EXPECT_FALSE(loadModel("X.P=1\n" + deep(kMaxSegments + 1) + ".P=1\n", &model, &error));
+  EXPECT_EQ(error.rfind("line 2: ", 0), 0u) << error;
+}
+
 TEST(RillPathTest, ParameterPathsSplitOffTheLastName) {
   auto p = parseParamPath("Storage.Disk.1.Partition.2.Manageddisk");
   ASSERT_TRUE(p);
