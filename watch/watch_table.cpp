@@ -64,15 +64,24 @@ WatchNode* fsFindWatch(const char* path, WatchNode* list) {
 
 int WatchIndex::insert(WatchNode* node) {
   const int wd = node->wd;
+  if (!rightmost_ && root_) {
+    rightmost_ = root_;
+    while (rightmost_->right) rightmost_ = rightmost_->right;
+  }
   Entry** link = &root_;
-  while (*link) {
-    const int here = (*link)->node->wd;
-    if (wd == here) return kFsErrInvalid;
-    link = wd < here ? &(*link)->left : &(*link)->right;
+  if (rightmost_ && wd > rightmost_->node->wd) {
+    link = &rightmost_->right;  // where the walk from the root would end
+  } else {
+    while (*link) {
+      const int here = (*link)->node->wd;
+      if (wd == here) return kFsErrInvalid;
+      link = wd < here ? &(*link)->left : &(*link)->right;
+    }
   }
   Entry* entry = new (std::nothrow) Entry{node};
   if (!entry) return kFsErrNoMemory;
   *link = entry;
+  if (!rightmost_ || wd > rightmost_->node->wd) rightmost_ = entry;
   return kFsOk;
 }
 
@@ -92,6 +101,7 @@ int WatchIndex::remove(int wd) {
   *link = kept;
   freeSubtree(dropped);
   delete entry;
+  rightmost_ = nullptr;  // found again by the next insertion
   return kFsOk;
 }
 
@@ -118,6 +128,7 @@ std::vector<int> WatchIndex::descriptors() const {
 void WatchIndex::clear() {
   freeSubtree(root_);
   root_ = nullptr;
+  rightmost_ = nullptr;
 }
 
 // Iterative: the index is mostly one long chain.

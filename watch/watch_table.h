@@ -81,6 +81,10 @@ class WatchIndex {
   };
   static void freeSubtree(Entry* entry);
   Entry* root_ = nullptr;
+  // The entry with the largest descriptor, or null when unknown. The kernel
+  // hands out rising descriptors, and a descriptor above every other one
+  // ends its walk there: inserting it takes no walk down the chain.
+  Entry* rightmost_ = nullptr;
 };
 
 class WatchTable {

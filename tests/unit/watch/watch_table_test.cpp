@@ -60,6 +60,7 @@ TEST_F(IndexTest, RemovalKeepsOnlyTheNearerChild) {
   ASSERT_EQ(index_.insert(node(3)), kFsOk);
   ASSERT_EQ(index_.insert(eight), kFsOk);
   EXPECT_EQ(index_.insert(node(3)), kFsErrInvalid);
+  EXPECT_EQ(index_.insert(node(8)), kFsErrInvalid);
   // 8 - 5 = 3 is not smaller than 5 - 3 = 2: the right child takes the place
   // and 3 leaves the index.
   EXPECT_EQ(index_.remove(5), kFsOk);
