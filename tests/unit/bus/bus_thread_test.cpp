@@ -124,6 +124,9 @@ TEST_F(BusThreadTest, ConnectsReadsEverythingAndSubscribes) {
 
 TEST_F(BusThreadTest, StopBesideStatusMessagesEndsWithoutPublishingAndGivesBackTheDisks) {
   connectThread();
+  pipe_.reportProfiling(0);  // already ready: nothing to publish
+  ASSERT_TRUE(thread_->step());
+  EXPECT_THAT(published("ProfilingStatus"), IsEmpty());
   pipe_.reportProfiling(1);
   pipe_.reportProfiling(0);
   pipe_.reportProfiling(1);
@@ -311,6 +314,30 @@ TEST_F(BusThreadTest, ManagedDiskMovesAndOnlyItsMediaDirectoryStaysVisible) {
   handleNotification();
   EXPECT_EQ(invisible(stick_ + "/old.mkv"), "0");
   EXPECT_FALSE(model_->managedPartitionPath());
+}
+
+TEST_F(BusThreadTest, AVanishedPartitionLeavesTheTagDatabaseOnceStorageIsChosen) {
+  connectThread(std::chrono::seconds(0));
+  ASSERT_TRUE(thread_->step());
+  ASSERT_EQ(model_->storageStatus(), kStorageOk);
+  const std::string file = stick_ + "/song.mkv";
+  sandbox_.write("uuidmount/stick/song.mkv", "x");
+  kord_bulk_t* bulk = kord_bulk_init();
+  ASSERT_NE(bulk, nullptr);
+  ASSERT_EQ(kord_bulk_setpath(bulk, file.c_str()), 0) << kord::lastError().message;
+  ASSERT_EQ(kord_bulk_settag(bulk, ".s.filetype", "STDVIDEO"), 0);
+  ASSERT_EQ(kord_bulk_commit(bulk), 0);
+  kord_bulk_fini(bulk);
+  std::vector<std::string> known;
+  ASSERT_EQ(kord::listFiles(stick_, &known), kord::Status::kOk);
+  ASSERT_EQ(known.size(), 1u);
+  ASSERT_TRUE(broker_->del("Storage.Disk.2.Partition.1"));
+  handleNotification();  // the removal arms the deadline, which has passed at once
+  EXPECT_FALSE(model_->deadline());
+  known.clear();
+  kord::listFiles(stick_, &known);
+  EXPECT_THAT(known, IsEmpty());
+  EXPECT_THAT(model_->takeRemovedPartitions(), IsEmpty());
 }
 
 TEST_F(BusThreadTest, LostBusEndsTheThreadWithoutSpinning) {
