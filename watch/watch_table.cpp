@@ -66,84 +66,80 @@ int WatchIndex::insert(WatchNode* node) {
   const int wd = node->wd;
   if (!rightmost_ && root_) {
     rightmost_ = root_;
-    while (rightmost_->right) rightmost_ = rightmost_->right;
+    while (rightmost_->index.right) rightmost_ = rightmost_->index.right;
   }
-  Entry** link = &root_;
-  if (rightmost_ && wd > rightmost_->node->wd) {
-    link = &rightmost_->right;  // where the walk from the root would end
+  WatchNode** link = &root_;
+  if (rightmost_ && wd > rightmost_->wd) {
+    link = &rightmost_->index.right;  // where the walk from the root would end
   } else {
     while (*link) {
-      const int here = (*link)->node->wd;
+      const int here = (*link)->wd;
       if (wd == here) return kFsErrInvalid;
-      link = wd < here ? &(*link)->left : &(*link)->right;
+      link = wd < here ? &(*link)->index.left : &(*link)->index.right;
     }
   }
-  Entry* entry = new (std::nothrow) Entry{node};
-  if (!entry) return kFsErrNoMemory;
-  *link = entry;
-  if (!rightmost_ || wd > rightmost_->node->wd) rightmost_ = entry;
+  node->index = {};
+  *link = node;
+  if (!rightmost_ || wd > rightmost_->wd) rightmost_ = node;
   return kFsOk;
 }
 
 int WatchIndex::remove(int wd) {
-  Entry** link = &root_;
-  while (*link && (*link)->node->wd != wd) link = wd < (*link)->node->wd ? &(*link)->left : &(*link)->right;
-  Entry* entry = *link;
+  WatchNode** link = &root_;
+  while (*link && (*link)->wd != wd) link = wd < (*link)->wd ? &(*link)->index.left : &(*link)->index.right;
+  WatchNode* entry = *link;
   if (!entry) return kFsErrInvalid;
-  // The nearer child takes the entry's place; the other one's subtree leaves
-  // the index. A missing child counts as a distance of 0. Computed wide, so
-  // that no descriptor difference overflows.
+  // The left child takes the entry's place when the right one lies nearer,
+  // else the right one; the other one's subtree leaves the index. A missing
+  // child counts as a distance of 0. Computed wide, so that no descriptor
+  // difference overflows.
   const long long d = wd;
-  const long long to_right = entry->right ? entry->right->node->wd - d : 0;
-  const long long to_left = entry->left ? d - entry->left->node->wd : 0;
-  Entry* kept = to_right < to_left ? entry->left : entry->right;
-  Entry* dropped = kept == entry->left ? entry->right : entry->left;
+  WatchNode* left = entry->index.left;
+  WatchNode* right = entry->index.right;
+  const long long to_right = right ? right->wd - d : 0;
+  const long long to_left = left ? d - left->wd : 0;
+  WatchNode* kept = to_right < to_left ? left : right;
   *link = kept;
-  freeSubtree(dropped);
-  delete entry;
+  detach(kept == left ? right : left);
+  entry->index = {};
   rightmost_ = nullptr;  // found again by the next insertion
   return kFsOk;
 }
 
 WatchNode* WatchIndex::find(int wd) const {
-  const Entry* entry = root_;
-  while (entry && entry->node->wd != wd) entry = wd < entry->node->wd ? entry->left : entry->right;
-  return entry ? entry->node : nullptr;
+  WatchNode* entry = root_;
+  while (entry && entry->wd != wd) entry = wd < entry->wd ? entry->index.left : entry->index.right;
+  return entry;
 }
 
 std::vector<int> WatchIndex::descriptors() const {
   std::vector<int> wds;
-  std::vector<const Entry*> stack;
-  const Entry* entry = root_;
+  std::vector<const WatchNode*> stack;
+  const WatchNode* entry = root_;
   while (entry || !stack.empty()) {
-    for (; entry; entry = entry->left) stack.push_back(entry);
+    for (; entry; entry = entry->index.left) stack.push_back(entry);
     entry = stack.back();
     stack.pop_back();
-    wds.push_back(entry->node->wd);
-    entry = entry->right;
+    wds.push_back(entry->wd);
+    entry = entry->index.right;
   }
   return wds;
 }
 
-void WatchIndex::clear() {
-  freeSubtree(root_);
-  root_ = nullptr;
-  rightmost_ = nullptr;
-}
-
-// Iterative: the index is mostly one long chain.
-void WatchIndex::freeSubtree(Entry* entry) {
+// Clears the index links of a subtree that has left the index, so that no
+// node keeps pointers into it. Without recursion or allocation (the index is
+// mostly one long chain): a left child is rotated up until an entry has
+// none, which is then cleared.
+void WatchIndex::detach(WatchNode* subtree) {
+  WatchNode* entry = subtree;
   while (entry) {
-    if (entry->left) {
-      // Rotate the left child up, so that every entry is freed once it has
-      // no left child.
-      Entry* left = entry->left;
-      entry->left = left->right;
-      left->right = entry;
+    if (WatchNode* left = entry->index.left) {
+      entry->index.left = left->index.right;
+      left->index.right = entry;
       entry = left;
     } else {
-      Entry* right = entry->right;
-      delete entry;
+      WatchNode* right = entry->index.right;
+      entry->index = {};
       entry = right;
     }
   }

@@ -27,6 +27,15 @@ namespace zibd {
 // events with the same value.
 inline constexpr std::uint32_t kFsWatchMask = 0xE3C8;
 
+struct WatchNode;
+
+// A node's place in the descriptor index (WatchIndex). It lives inside the
+// node it indexes, so that a watched directory costs one allocation.
+struct WatchIndexEntry {
+  WatchNode* left = nullptr;   // smaller descriptors
+  WatchNode* right = nullptr;  // larger descriptors
+};
+
 // One path component. A root-level node's name keeps the leading '/' of the
 // absolute path ("/var"); deeper names hold no '/'. wd is 0 for a node that
 // only stands for an ancestor of watched directories.
@@ -34,8 +43,9 @@ struct WatchNode {
   std::string name;
   int wd = 0;
   WatchNode* parent = nullptr;
-  WatchNode* next = nullptr;        // next sibling
+  WatchNode* next = nullptr;         // next sibling
   WatchNode* first_child = nullptr;  // children: new ones at the head
+  WatchIndexEntry index;
 };
 
 // Compares a node's name with (the rest of) a path. Returns 0 when they are
@@ -54,37 +64,35 @@ WatchNode* fsFindWatch(const char* path, WatchNode* list);
 // entry by one child only: the left one when the right child's descriptor lies
 // nearer to the entry's than the left child's does, else the right one (a
 // missing child counts as distance 0). The other child's subtree leaves the
-// index. Entries that leave are freed; the nodes
-// they pointed at are not touched.
+// index. The entries are the nodes' own (WatchNode::index); the index never
+// frees a node.
 class WatchIndex {
  public:
   WatchIndex() = default;
-  ~WatchIndex() { clear(); }
   WatchIndex(const WatchIndex&) = delete;
   WatchIndex& operator=(const WatchIndex&) = delete;
 
   // Enters node under its descriptor (node->wd). 0; kFsErrInvalid when that
-  // descriptor is already present; kFsErrNoMemory.
+  // descriptor is already present.
   int insert(WatchNode* node);
   // 0; kFsErrInvalid when wd is not present.
   int remove(int wd);
   WatchNode* find(int wd) const;
   // Descriptors in the index, in ascending order (tests, diagnostics).
   std::vector<int> descriptors() const;
-  void clear();
+  // Forgets every entry without touching the nodes (they are about to go).
+  void clear() {
+    root_ = nullptr;
+    rightmost_ = nullptr;
+  }
 
  private:
-  struct Entry {
-    WatchNode* node;
-    Entry* left = nullptr;   // smaller descriptors
-    Entry* right = nullptr;  // larger descriptors
-  };
-  static void freeSubtree(Entry* entry);
-  Entry* root_ = nullptr;
-  // The entry with the largest descriptor, or null when unknown. The kernel
+  static void detach(WatchNode* subtree);
+  WatchNode* root_ = nullptr;
+  // The node with the largest descriptor, or null when unknown. The kernel
   // hands out rising descriptors, and a descriptor above every other one
   // ends its walk there: inserting it takes no walk down the chain.
-  Entry* rightmost_ = nullptr;
+  WatchNode* rightmost_ = nullptr;
 };
 
 class WatchTable {
