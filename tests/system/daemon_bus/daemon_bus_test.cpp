@@ -46,6 +46,9 @@ for _ in $(seq 200); do [ "$("$RILLCTL" refcount Storage.Disk.2)" = 0 ] && break
 echo "after unmount=$("$RILLCTL" refcount Storage.Disk.2)"
 kill -KILL $broker
 wait $broker 2>/dev/null
+# The bus thread ends with its connection; main, scanner and watcher stay.
+for _ in $(seq 200); do [ "$(ls /proc/$zibd/task | wc -l)" -le 3 ] && break; sleep 0.05; done
+echo "threads=$(ls /proc/$zibd/task | wc -l)"
 ticks() { awk '{print $14 + $15}' /proc/$zibd/stat; }
 before=$(ticks); sleep 3; after=$(ticks)
 echo "cpu ticks over 3 s=$((after - before))"
@@ -78,6 +81,7 @@ TEST(DaemonBusTest, ChoosesLosesAndChoosesAgainTheMetadataStorageAndOutlivesTheB
   EXPECT_THAT(r.out, HasSubstr("statuses=OK NoSuitableDisk OK \n"));
   EXPECT_THAT(r.out, HasSubstr("refcount2=1\n"));
   EXPECT_THAT(r.out, HasSubstr("after unmount=0\n"));
+  EXPECT_THAT(r.out, HasSubstr("threads=3\n"));
   EXPECT_THAT(r.out, HasSubstr("cpu ticks over 3 s=0\n"));
   EXPECT_THAT(r.out, HasSubstr("zibd exit=0\n"));
 }
