@@ -114,6 +114,7 @@ void ChangeHandler::fsFlushChanges() {
     deletes_.clear();
     return;
   }
+  if (changes_.empty() && deletes_.empty()) return;  // an idle pass reads no clock
   const std::time_t now = now_();
 
   std::vector<PendingChange> kept;

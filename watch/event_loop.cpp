@@ -132,6 +132,7 @@ void WatchEventLoop::handleEvent(int wd, std::uint32_t mask, std::uint32_t cooki
 }
 
 void WatchEventLoop::expireMoves() {
+  if (moves_.empty()) return;  // an idle pass reads no clock
   const std::time_t now = now_();
   for (;;) {
     auto it = moves_.begin();
