@@ -391,8 +391,12 @@ struct Broker::State {
     if (found.empty() && ((r.number & kMustExist) || namesOneInstance(*pattern)))
       return failure(r, Status::kNoSuchObject, r.path);
     Reply reply = success(r);
-    for (const auto& [path, object] : found)
+    for (const auto& [path, object] : found) {
+      // An instance without parameters of its own (a disk known only through
+      // its partitions) is answered too, with one item that names it.
+      if (object->params.empty()) reply.items.push_back(valueItem(*path, "", ""));
       for (const auto& [name, value] : object->params) reply.items.push_back(valueItem(*path, name, value));
+    }
     return reply;
   }
 

@@ -22,7 +22,9 @@ using zibd::test::waitFor;
 constexpr const char* kModel =
     "Storage.Disk.1.CapacityInMBytes=953869\n"
     "Storage.Disk.1.Partition.1.Manageddisk=0\n"
-    "Storage.Disk.2.CapacityInMBytes=61057\n";
+    "Storage.Disk.2.CapacityInMBytes=61057\n"
+    // A disk described only through its partition's lines.
+    "Storage.Disk.3.Partition.1.Status=1\n";
 
 struct Seen {
   std::vector<std::string> lines;  // "type subid path name value"
@@ -116,7 +118,13 @@ TEST_F(RillInProcessBusTest, ReadWriteAndNotificationRoundTrip) {
 
   std::vector<std::string> paths;
   ASSERT_EQ(readPaths(watcher, "Storage.Disk", &paths), 0);
-  EXPECT_EQ(paths, (std::vector<std::string>{"Storage.Disk.1", "Storage.Disk.2"}));
+  EXPECT_EQ(paths, (std::vector<std::string>{"Storage.Disk.1", "Storage.Disk.2", "Storage.Disk.3"}));
+  // The daemon's class read answers every instance as well.
+  paths.clear();
+  int error = -1;
+  ASSERT_EQ(cs_find_parameters_of_obj_instances(watcher, "Storage.Disk", 0, 2, collectPaths, &paths, &error), 0);
+  EXPECT_EQ(error, 0);
+  EXPECT_EQ(paths, (std::vector<std::string>{"Storage.Disk.1", "Storage.Disk.2", "Storage.Disk.3"}));
 
   Seen seen;
   rill_ccmd_t cmd{};
@@ -158,7 +166,7 @@ TEST_F(RillInProcessBusTest, ASubscriberThatStopsReadingIsCutOffAlone) {
   EXPECT_TRUE(cut);
   paths.clear();
   EXPECT_EQ(readPaths(writer, "Storage.Disk", &paths), 0);
-  EXPECT_EQ(paths.size(), 3u) << "disk 1 with one parameter, disk 2 with two";
+  EXPECT_EQ(paths.size(), 4u) << "disk 1 with one parameter, disk 2 with two, disk 3 named once";
 }
 
 TEST_F(RillInProcessBusTest, AWriteLockWaitThatTimesOutLeavesNothingHeld) {
@@ -186,7 +194,7 @@ TEST_F(RillInProcessBusTest, OneConnectionServesSeveralThreads) {
       for (int i = 0; i < 50; ++i) {
         std::vector<std::string> paths;
         int error = -1;
-        if (readPaths(shared, "Storage.*.Partition", &paths) != 0 || paths.size() != 1) ++failures[t];
+        if (readPaths(shared, "Storage.*.Partition", &paths) != 0 || paths.size() != 2) ++failures[t];
         if (cs_find_parameters_of_obj_instances(shared, "Storage.Disk.2", 0, 2, collectPaths, &paths, &error) != 0 ||
             error != 0)
           ++failures[t];
