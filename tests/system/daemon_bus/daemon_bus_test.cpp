@@ -6,14 +6,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tests/support/subprocess.h"
+#include "tests/support/gateway_sandbox.h"
 
 namespace zibd::test {
 namespace {
 
 using ::testing::HasSubstr;
 
-constexpr char kFakeTime[] = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
 
 constexpr char kProbe[] = R"sh(
 set -u
@@ -58,18 +57,9 @@ echo "zibd exit=$?"
 cat /tmp/zibd.err
 )sh";
 
-std::string dirName(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
 TEST(DaemonBusTest, ChoosesLosesAndChoosesAgainTheMetadataStorageAndOutlivesTheBroker) {
-  if (::access(kFakeTime, R_OK) != 0) GTEST_SKIP() << "no libfaketime";
-  const std::string zibd = binary("zibd"), rilld = binary("rilld"), rillctl = binary("rillctl");
-  Env env{{{"ZIBD_PROGRAM", zibd},
-           {"RILLD", rilld},
-           {"RILLCTL", rillctl},
-           {"FAKETIME_LIB", kFakeTime},
-           {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
-  const Result r = run({"/bin/bash", std::string(ZIBD_SOURCE_DIR) + "/scripts/sandbox.sh", "/bin/bash", "-c", kProbe},
-                       env, "", std::chrono::seconds(150));
+  if (::access(kFakeTimeLibrary, R_OK) != 0) GTEST_SKIP() << "no libfaketime";
+  const Result r = runInGatewaySandbox(kProbe, std::chrono::seconds(150));
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_THAT(r.out, HasSubstr("chosen\n"));
   EXPECT_THAT(r.out, ::testing::ContainsRegex(

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/subprocess.h"
+#include "tests/support/gateway_sandbox.h"
 
 namespace zibd::test {
 namespace {
@@ -27,23 +27,8 @@ echo "gateway exit=$?"
 cat /tmp/gateway.log
 )sh";
 
-std::string dirName(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
-// The programs this build made, wherever the build directory lies.
-Env gatewayEnv() {
-  const std::string zibd = binary("zibd"), rilld = binary("rilld"), rillctl = binary("rillctl");
-  Env env{{{"ZIBD_SOURCE_DIR", ZIBD_SOURCE_DIR},
-           {"ZIBD_PROGRAM", zibd},
-           {"RILLD", rilld},
-           {"RILLCTL", rillctl},
-           {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
-  return env;
-}
-
 TEST(SampleGatewayTest, RunsZibdOnTheSampleDisksUntilInterrupted) {
-  const Result r = run({"/bin/bash", std::string(ZIBD_SOURCE_DIR) + "/scripts/sandbox.sh",
-                        "/bin/bash", "-c", kProbe},
-                       gatewayEnv(), "", std::chrono::seconds(60));
+  const Result r = runInGatewaySandbox(kProbe, std::chrono::seconds(60));
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_THAT(r.out, HasSubstr("Storage.Disk.1.Partition.1.MountPoint=/var/uuidmount/4f2a-91c3"));
   EXPECT_THAT(r.out, HasSubstr("holiday-1.mkv"));

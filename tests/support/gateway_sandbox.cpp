@@ -1,0 +1,26 @@
+#include "tests/support/gateway_sandbox.h"
+
+namespace zibd::test {
+
+const char kFakeTimeLibrary[] = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
+
+namespace {
+
+std::string dirName(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+}  // namespace
+
+Result runInGatewaySandbox(const std::string& script, std::chrono::milliseconds timeout, Env extra) {
+  const std::string zibd = binary("zibd"), rilld = binary("rilld"), rillctl = binary("rillctl");
+  Env env{{{"ZIBD_SOURCE_DIR", ZIBD_SOURCE_DIR},
+           {"ZIBD_PROGRAM", zibd},
+           {"RILLD", rilld},
+           {"RILLCTL", rillctl},
+           {"FAKETIME_LIB", kFakeTimeLibrary},
+           {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
+  env.set.merge(extra.set);
+  return run({"/bin/bash", std::string(ZIBD_SOURCE_DIR) + "/scripts/sandbox.sh", "/bin/bash", "-c", script}, env, "",
+             timeout);
+}
+
+}  // namespace zibd::test
