@@ -18,35 +18,41 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
-failed=()
-for v in "${variants[@]}"; do
+# Builds and tests one variant; non-zero when something failed.
+runVariant() {
+  local v=$1
   if [ "$v" = layers ]; then
     echo "=== layers: include check"
-    scripts/check-layers.sh || failed+=("$v")
-    continue
+    scripts/check-layers.sh
+    return
   fi
   echo "=== $v: build"
   if [ "$v" = fuzz ]; then
     # Each libFuzzer target for a few seconds from its seed corpus (docs/fuzzing.md).
-    { scripts/build.sh fuzz && fuzz/run.sh build/fuzz 5; } || failed+=("$v")
-    continue
+    scripts/build.sh fuzz && fuzz/run.sh build/fuzz 5
+    return
   fi
   if [ "$v" = tsa ]; then
     # A compile, not a test run: the lock annotations are checked by clang.
-    scripts/build.sh tsa || failed+=("$v")
-    continue
+    scripts/build.sh tsa
+    return
   fi
-  scripts/build.sh "$v"
+  scripts/build.sh "$v" || return
   echo "=== $v: test"
-  labels=()
+  local labels=()
   # The cross build runs its unit tests under qemu-mips, and the "cross" test
   # that hands tag databases between it and a host kordctl.
   [ "$v" = mips ] && labels=(-L 'unit|cross')
-  run=()
+  local run=()
   [ "$v" = tsan ] && run=("${norandom[@]}")
-  if ! "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$(nproc)" "${labels[@]}"; then
-    failed+=("$v")
-  fi
+  "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$(nproc)" "${labels[@]}"
+}
+
+failed=()
+for v in "${variants[@]}"; do
+  start=$SECONDS
+  runVariant "$v" || failed+=("$v")
+  echo "=== $v: done in $((SECONDS - start)) s"
 done
 
 if ((${#failed[@]})); then
