@@ -9,31 +9,20 @@
 #include "watch/event_loop.h"
 
 namespace zibd {
-void Daemon::makeScanner() {
-  if (!scan_storage || !scan_rules || !scan_reports || scan_queue) return;
-  scan_queue = std::make_unique<ScanQueue>(*scan_storage, *scan_reports, g_daemon.running);
-  scanner_state = std::make_unique<ScannerState>(*scan_queue);
-  scanner = std::make_unique<ScannerThread>(*scan_queue, *scanner_state, type_map, *scan_rules,
-                                            *scan_storage, *scan_reports, g_daemon.running);
-}
-
 bool Daemon::startScanner() {
-  if (!scanner) return true;
   try {
-    scanner->start();
+    scanner.start();
   } catch (const std::system_error&) {
     return false;
   }
+  scanner_started = true;
   return true;
 }
 
-void Daemon::wireStorageAndBus() {
-  scan_storage = &storage;
-  scan_rules = &index_rules;
-  scan_reports = &bus_control;
-  makeScanner();
-  upward.scanner = scanner_state.get();
-  upward.scans = scan_queue.get();
+void Daemon::wire() {
+  upward.scanner = &scanner_state;
+  upward.scans = &scan_queue;
+  upward.watches = &watch_requests;
 }
 
 int Daemon::startBus() {
@@ -42,14 +31,7 @@ int Daemon::startBus() {
   return result;
 }
 
-int Daemon::initWatch() {
-  // The storage model and the bus thread queue watch requests through upward;
-  // the change handling queues scans through it and asks the storage model.
-  upward.watches = &watch_requests;
-  watch_scans = &upward;
-  watch_storage = &storage;
-  return watch_table.fsInitWatch();
-}
+int Daemon::initWatch() { return watch_table.fsInitWatch(); }
 
 bool Daemon::startWatcher() {
   try {
@@ -61,18 +43,16 @@ bool Daemon::startWatcher() {
 }
 
 void Daemon::runEventLoop() {
-  if (!change_handler && watch_scans && watch_storage)
-    change_handler = std::make_unique<ChangeHandler>(*watch_scans, *watch_storage);
   // Termination signals get in only inside the loop's wait, which also ends
   // on the termination pipe.
-  WatchEventLoop loop(watch_table, change_handler.get(), g_daemon.termination_pipe.read_end.get(),
+  WatchEventLoop loop(watch_table, &change_handler, g_daemon.termination_pipe.read_end.get(),
                       &g_daemon.termination_wait_mask, g_daemon.running);
   loop.run();
 }
 
 void Daemon::shutdown() {
   // Stop the scanner: abort its work, kill a running profiler, wait until idle.
-  if (scanner_state) scanner_state->stopScanner();
+  if (scanner_started) scanner_state.stopScanner();
   // Stop the watch request queue; the watcher thread leaves its wait. The
   // loop may also have ended on a failed wait: the flag tells every thread.
   g_daemon.running.store(0);
@@ -83,11 +63,9 @@ void Daemon::shutdown() {
   type_map.clear();
   // Whatever was queued meanwhile is dropped. The wake ends a take that began
   // before the running flag was cleared (the loop may end on a failed wait).
-  if (scan_queue) {
-    scan_queue->clear();
-    scan_queue->wake();
-  }
-  if (scanner) scanner->join();
+  scan_queue.clear();
+  scan_queue.wake();
+  if (scanner_started) scanner.join();
   if (watcher_thread.joinable()) watcher_thread.join();
   if (bus_started) {
     // The bus thread writes its byte when it has left its loop.

@@ -9,7 +9,6 @@
 // needs by reference.
 #pragma once
 
-#include <memory>
 #include <thread>
 
 #include "bus/bus_thread.h"
@@ -53,9 +52,9 @@ class Daemon {
   // runEventLoop() and shutdown() in daemon.cpp.
   // --- storage model (storage/) ---
   // The storage model and the bus thread call up into the watcher and the
-  // scanner through `upward`, which forwards to the objects the watch and scan
-  // sections make; wireStorageAndBus() points it at them before any thread
-  // starts. A call whose receiver is missing does nothing.
+  // scanner, which are made after it, through `upward`; wire() points it at
+  // them before any thread starts. A call whose receiver is missing does
+  // nothing.
   struct UpwardCalls final : WatchRequests, ScannerControl, ScanRequests {
     WatchRequests* watches = nullptr;
     ScannerControl* scanner = nullptr;
@@ -79,55 +78,41 @@ class Daemon {
   UpwardCalls upward;
   StorageModel storage{upward, upward};
   RuleRegistry index_rules;
+  // Other threads send the bus thread its work through bus_control (the
+  // scanner's ScanReports).
+  ControlPipe bus_control;
   // --- scanner (scan/) ---
-  // What the scanner asks of the storage model and reports to the bus thread:
-  // the storage and bus sections point these at their objects before
-  // makeScanner(). While one is missing the daemon runs without a scanner.
-  StorageQueries* scan_storage = nullptr;
-  IndexRules* scan_rules = nullptr;
-  ScanReports* scan_reports = nullptr;
-  // Made by makeScanner(). The bus and watch sections queue scans through
-  // *scan_queue (ScanRequests); the storage model stops the scanner through
-  // *scanner_state (ScannerControl).
-  std::unique_ptr<ScanQueue> scan_queue;
-  std::unique_ptr<ScannerState> scanner_state;
-  std::unique_ptr<ScannerThread> scanner;
-  // Makes the scan queue, the scanner state and the scanner thread's object
-  // (not yet started) once the three interfaces above are set.
-  void makeScanner();
-  // Start-up: starts the scanner thread when makeScanner() made it. False
-  // when the thread could not be launched.
+  // The bus and watch sections queue scans through scan_queue (ScanRequests);
+  // the storage model stops the scanner through scanner_state
+  // (ScannerControl).
+  ScanQueue scan_queue{storage, bus_control, g_daemon.running};
+  ScannerState scanner_state{scan_queue};
+  ScannerThread scanner{scan_queue, scanner_state, type_map, index_rules,
+                        storage,    bus_control,   g_daemon.running};
+  bool scanner_started = false;
+  // Start-up: starts the scanner thread. False when it could not be launched.
   bool startScanner();
   // --- watcher and event loop (watch/) ---
   // Partition trees come and go through watch_requests (WatchRequests), which
   // the watcher thread works off into watch_table; the event loop on the main
-  // thread reads the table's inotify instance.
+  // thread reads the table's inotify instance and hands what changed to
+  // change_handler.
   WatchRequestQueue watch_requests;
   WatchTable watch_table{watch_requests.addAbortedFlag()};
   WatcherThread watcher{watch_requests, watch_table, g_daemon.running};
   std::thread watcher_thread;
-  // What the change handling asks of the scan queue and the storage model:
-  // their sections point these at their objects before the event loop runs.
-  // While one is missing, the event loop drops its notices, as it does while
-  // no metadata storage is ready.
-  ScanRequests* watch_scans = nullptr;
-  StorageQueries* watch_storage = nullptr;
-  std::unique_ptr<ChangeHandler> change_handler;
+  ChangeHandler change_handler{scan_queue, storage};
   // Start-up: makes the inotify instance; 0, or non-zero on failure.
   int initWatch();
   // Start-up: starts the watcher thread. False when it could not be launched.
   bool startWatcher();
   // --- bus client (bus/) ---
-  // Other threads send the bus thread its work through bus_control (the
-  // scanner's ScanReports); the bus thread writes "0" into sync_pipe when it
-  // ends.
-  ControlPipe bus_control;
+  // The bus thread writes "0" into sync_pipe when it ends.
   BusThread bus{storage, index_rules, upward, bus_control, sync_pipe.write_end, g_daemon.running};
   bool bus_started = false;
-  // Start-up, before any thread starts: hands the scanner the storage model,
-  // the rules and the control pipe, makes it, and points `upward` at the
-  // scanner's objects (and at the watcher's, once they exist).
-  void wireStorageAndBus();
+  // Start-up, before any thread starts: points `upward` at the scanner's and
+  // the watcher's objects.
+  void wire();
   // Start-up: creates the control pipe and starts the bus thread; 0, or the
   // failed step's result.
   int startBus();

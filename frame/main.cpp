@@ -96,12 +96,11 @@ void daemonize(const std::string& program) {
 }
 
 void startScanner(Daemon& daemon) {
-  daemon.makeScanner();
   if (!daemon.startScanner()) failStartup("Could not launch scanner thread\n");
 }
 
 void startBusClient(Daemon& daemon) {
-  daemon.wireStorageAndBus();
+  daemon.wire();
   if (daemon.startBus() != 0) failStartup("Could not initialize rill client\n");
 }
 
