@@ -8,6 +8,7 @@
 
 #include "platform/cs.h"
 #include "platform/dynstr.h"
+#include "storage/reply_items.h"
 #include "storage/storage_model.h"
 
 namespace zibd {
@@ -33,35 +34,27 @@ extern "C" int readRule(rill_reply_t* reply, void* context) {
   try {
     IndexRule rule;
     rule.object_path = *read->object_path;
-    if (rill_reply_get_kind(reply) == RILL_REPLY_VALUES) {
-      const llist_t* items = rill_reply_get_items(reply);
-      int enable = 0;  // shared by the three category switches
-      for (int i = 0; i < llist_getlength(items); ++i) {
-        const rill_cmddata_t* item = rill_cmddata_getat(items, i);
-        if (!item || rill_cmddata_error_get(item) != 0) continue;
-        const char* name = dynstr_getstring(rill_cmddata_name_get(item));
-        if (!name) continue;
-        const dynstr_t* value = rill_cmddata_value_get(item);
-        if (::strstr(name, "Status")) {
-          rule.enabled = dynstr_strcmp2(value, "Up") == 0 ? 1 : 0;
-        } else if (::strstr(name, "UUID")) {
-          if (value) rule.uuid = copyOf(value);
-        } else if (::strstr(name, "PartitionName")) {
-          if (value) rule.partition_name = copyOf(value);
-        } else if (::strstr(name, "DirectoryName")) {
-          if (value) rule.directory_name = copyOf(value);
-        } else {
-          uint32_t bit = 0;
-          if (::strstr(name, "EnableMovie")) bit = kCategoryMovies;
-          else if (::strstr(name, "EnableMusic")) bit = kCategoryMusic;
-          else if (::strstr(name, "EnablePicture")) bit = kCategoryPictures;
-          if (bit == 0) continue;
-          int converted = 0;
-          if (dynstr_getbool(value, &converted) == 0) enable = converted;
-          if (enable) rule.categories |= bit;
-        }
+    int enable = 0;  // shared by the three category switches
+    forEachReplyValue(reply, [&](const char* name, const dynstr_t* value) {
+      if (::strstr(name, "Status")) {
+        rule.enabled = dynstr_strcmp2(value, "Up") == 0 ? 1 : 0;
+      } else if (::strstr(name, "UUID")) {
+        if (value) rule.uuid = copyOf(value);
+      } else if (::strstr(name, "PartitionName")) {
+        if (value) rule.partition_name = copyOf(value);
+      } else if (::strstr(name, "DirectoryName")) {
+        if (value) rule.directory_name = copyOf(value);
+      } else {
+        uint32_t bit = 0;
+        if (::strstr(name, "EnableMovie")) bit = kCategoryMovies;
+        else if (::strstr(name, "EnableMusic")) bit = kCategoryMusic;
+        else if (::strstr(name, "EnablePicture")) bit = kCategoryPictures;
+        if (bit == 0) return;
+        int converted = 0;
+        if (dynstr_getbool(value, &converted) == 0) enable = converted;
+        if (enable) rule.categories |= bit;
       }
-    }
+    });
     read->registry->stAddRule(std::move(rule));
   } catch (const std::bad_alloc&) {
     // Out of memory: the rule is not recorded.

@@ -12,6 +12,7 @@
 
 #include "platform/cs.h"
 #include "platform/dynstr.h"
+#include "storage/reply_items.h"
 
 namespace zibd {
 namespace {
@@ -51,15 +52,8 @@ bool readFreeMegabytes(const dynstr_t* value, uint32_t* free_mb) {
 extern "C" int stPartitionReader(rill_reply_t* reply, void* context) {
   auto* params = static_cast<PartitionParameters*>(context);
   *params = PartitionParameters{};
-  if (!reply || rill_reply_get_kind(reply) != RILL_REPLY_VALUES) return 0;
   try {
-    const llist_t* items = rill_reply_get_items(reply);
-    for (int i = 0; i < llist_getlength(items); ++i) {
-      const rill_cmddata_t* item = rill_cmddata_getat(items, i);
-      if (!item || rill_cmddata_error_get(item) != 0) continue;
-      const char* name = dynstr_getstring(rill_cmddata_name_get(item));
-      if (!name) continue;
-      const dynstr_t* value = rill_cmddata_value_get(item);
+    forEachReplyValue(reply, [&](const char* name, const dynstr_t* value) {
       int flag = 0;
       if (::strstr(name, "MountPoint")) {
         params->mount_path = canonical(dynstr_getstring(value));
@@ -72,7 +66,7 @@ extern "C" int stPartitionReader(rill_reply_t* reply, void* context) {
       } else if (::strstr(name, "FreeSpaceInKBytes")) {
         readFreeMegabytes(value, &params->free_mb);
       }
-    }
+    });
   } catch (const std::bad_alloc&) {
     params->mount_path.reset();
   }
@@ -82,17 +76,11 @@ extern "C" int stPartitionReader(rill_reply_t* reply, void* context) {
 extern "C" int stCapacityReader(rill_reply_t* reply, void* context) {
   auto* capacity = static_cast<uint32_t*>(context);
   *capacity = 0;
-  if (!reply || rill_reply_get_kind(reply) != RILL_REPLY_VALUES) return 0;
-  const llist_t* items = rill_reply_get_items(reply);
-  for (int i = 0; i < llist_getlength(items); ++i) {
-    const rill_cmddata_t* item = rill_cmddata_getat(items, i);
-    if (!item || rill_cmddata_error_get(item) != 0) continue;
-    const char* name = dynstr_getstring(rill_cmddata_name_get(item));
-    unsigned long value = 0;
-    if (name && ::strstr(name, "CapacityInMBytes") &&
-        dynstr_getulong(rill_cmddata_value_get(item), &value) == 0)
-      *capacity = static_cast<uint32_t>(value);
-  }
+  forEachReplyValue(reply, [&](const char* name, const dynstr_t* value) {
+    unsigned long number = 0;
+    if (::strstr(name, "CapacityInMBytes") && dynstr_getulong(value, &number) == 0)
+      *capacity = static_cast<uint32_t>(number);
+  });
   return 0;
 }
 
