@@ -14,7 +14,9 @@ namespace fs = std::filesystem;
 TempDir::TempDir() {
   std::string tmpl = (fs::temp_directory_path() / "zibd-test-XXXXXX").string();
   if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = tmpl;
+  // Canonical, so that paths built from it compare equal to what the code
+  // under test resolves with realpath.
+  path_ = fs::canonical(tmpl).string();
 }
 
 TempDir::~TempDir() {

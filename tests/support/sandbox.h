@@ -14,6 +14,7 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
+  // Absolute and canonical (no symbolic link in it).
   const std::string& path() const { return path_; }
   // path() + "/" + relative
   std::string operator/(const std::string& relative) const;
