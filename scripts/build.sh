@@ -25,15 +25,16 @@ case "$variant" in
     # The target's SQLite, built once from Debian's source into a cache.
     sqlite=$PWD/build/mips-deps/sqlite
     scripts/mips-sqlite.sh "$sqlite"
-    # A host kordctl beside it, for the test that hands tag databases between
-    # the two byte orders (tests/system/kordctl_cross).
+    # Host programs beside it, for the tests that cross the byte order: kordctl
+    # hands tag databases between the two (tests/system/kordctl_cross); rilld,
+    # rillctl and kordctl serve the emulated zibd (tests/system/mips_road).
     hosttools=$PWD/build/$variant/host-tools
     cmake -S . -B "$hosttools" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZIBD_BUILD_TESTS=OFF \
       -DZIBD_BUILD_BENCH=OFF -DCMAKE_RUNTIME_OUTPUT_DIRECTORY="$hosttools/bin" >/dev/null
-    cmake --build "$hosttools" -j"$(nproc)" --target kordctl
+    cmake --build "$hosttools" -j"$(nproc)" --target kordctl rilld rillctl
     args+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mips-linux-gnu.cmake" -DZIBD_BUILD_BENCH=OFF
            -DSQLITE3_LIBRARY="$sqlite/lib/libsqlite3.a" -DSQLITE3_INCLUDE_DIR="$sqlite/include"
-           -DZIBD_HOST_KORDCTL="$hosttools/bin/kordctl") ;;
+           -DZIBD_HOST_KORDCTL="$hosttools/bin/kordctl" -DZIBD_HOST_TOOLS="$hosttools/bin") ;;
   *) echo "build.sh: unknown variant '$variant' (host, asan, tsan, mips, tsa, fuzz)" >&2; exit 2 ;;
 esac
 # Configure speaks up: a missing compiler or library stops the build here
