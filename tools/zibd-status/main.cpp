@@ -13,6 +13,7 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,8 +27,8 @@ namespace {
 constexpr const char* kUsage =
     "usage: zibd-status [--once] [--interval SECONDS] [--events N]\n"
     "Shows what zibd is doing: the metadata storage status and the chosen partition, the\n"
-    "profiling status, the files known per type, the files waiting for profiling (with a\n"
-    "progress bar while profiling runs) and the latest change events.\n"
+    "profiling status, the files known, the files waiting for profiling per type (the live\n"
+    "view adds a progress bar while profiling runs) and the latest change events.\n"
     "\n"
     "  --once              print the status once as plain text and exit (also the\n"
     "                      behaviour when the output is not a terminal)\n"
@@ -128,18 +129,22 @@ int runLive(const Options& options, const std::string& kordctl) {
   BusReader bus;
   EventLog events(envOr("TOCK_EVENTS", kDefaultEventLog));
   Snapshot snapshot;
+  ProgressTracker tracker;
+  std::optional<Progress> progress;
   using Clock = std::chrono::steady_clock;
   auto next = Clock::now();
   for (;;) {
     if (Clock::now() >= next) {
       events.refresh();
       snapshot = gather(bus, kordctl);
+      progress = tracker.update(snapshot);
       next = Clock::now() + options.interval;
     }
     std::size_t columns, rows;
     terminal.size(&columns, &rows);
     RenderOptions render;
     render.clock = ::time(nullptr);
+    render.progress = progress;
     render.bar_width = columns >= 80 ? 30 : columns >= 50 ? 15 : 5;
     const std::size_t head = linesBeforeEvents(snapshot, events, render);
     render.max_events = rows > head ? rows - head : 0;

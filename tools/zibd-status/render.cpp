@@ -113,20 +113,20 @@ std::vector<std::string> headLines(const Snapshot& s, const EventLog& events, co
       lines.push_back(label("files") + "unknown (" + displayText(store.error) + ")");
       break;
     case StoreCounts::State::kOk: {
+      // Only waiting files carry ".s.filetype": the daemon drops it with
+      // ".s.tbp" once a file is profiled. So the types break down "waiting".
       lines.push_back(label("files") + std::to_string(store.files));
+      lines.push_back(label("waiting") + std::to_string(store.waiting));
       for (const auto& [type, count] : store.by_type) {
         std::string line = "  " + displayText(type);
         if (line.size() < 13) line.resize(13, ' ');
         lines.push_back(line + std::to_string(count));
       }
-      lines.push_back(label("waiting") + std::to_string(store.waiting));
-      if (bus.reachable && bus.profiling_status == "Profiling") {
-        const std::uint64_t total = store.typed();
-        const std::uint64_t done = total - std::min(store.waiting, total);
-        const unsigned percent = total ? static_cast<unsigned>(done * 100 / total) : 0;
-        lines.push_back(label("progress") + progressBar(done, total, options.bar_width) + " " +
-                        std::to_string(percent) + "%  " + std::to_string(done) + " of " +
-                        std::to_string(total) + " profiled");
+      if (const auto& p = options.progress) {
+        const unsigned percent = p->total ? static_cast<unsigned>(p->done * 100 / p->total) : 0;
+        lines.push_back(label("progress") + progressBar(p->done, p->total, options.bar_width) + " " +
+                        std::to_string(percent) + "%  " + std::to_string(p->done) + " of " +
+                        std::to_string(p->total) + " profiled");
       }
       break;
     }
@@ -193,6 +193,17 @@ std::string progressBar(std::uint64_t done, std::uint64_t total, std::size_t wid
   const std::size_t filled =
       total ? static_cast<std::size_t>(std::min(done, total) * width / total) : 0;
   return "[" + std::string(filled, '#') + std::string(width - filled, '-') + "]";
+}
+
+std::optional<Progress> ProgressTracker::update(const Snapshot& snapshot) {
+  if (snapshot.store.state != StoreCounts::State::kOk) return std::nullopt;
+  const std::uint64_t waiting = snapshot.store.waiting;
+  const bool profiling = snapshot.bus.reachable && snapshot.bus.profiling_status == "Profiling";
+  const bool ready = snapshot.bus.reachable && snapshot.bus.profiling_status == "Ready";
+  if (waiting == 0 && ready) peak_ = 0;
+  peak_ = std::max(peak_, waiting);
+  if (!profiling) return std::nullopt;
+  return Progress{peak_, peak_ - waiting};
 }
 
 std::size_t linesBeforeEvents(const Snapshot& snapshot, const EventLog& events, const RenderOptions& options) {

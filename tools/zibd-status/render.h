@@ -32,8 +32,29 @@ std::string formatEvent(std::string_view line);
 // A bar of `width` characters for done out of total: "[#####-----]".
 std::string progressBar(std::uint64_t done, std::uint64_t total, std::size_t width);
 
+// How far profiling has come since the view first saw the current run.
+struct Progress {
+  std::uint64_t total = 0;  // the most files seen waiting during the run
+  std::uint64_t done = 0;   // of those, no longer waiting
+};
+
+// Follows the waiting count from snapshot to snapshot. A run begins when
+// files wait and ends when none wait and "ProfilingStatus" is "Ready";
+// progress is shown only while the status is "Profiling". The daemon drops a
+// file's ".s.tbp" (with its ".s.filetype") once profiled, so the tag store
+// itself keeps no count of a run's profiled files: only a view that watched
+// the run can draw a bar, which is why the one-shot form prints none.
+class ProgressTracker {
+ public:
+  std::optional<Progress> update(const Snapshot& snapshot);
+
+ private:
+  std::uint64_t peak_ = 0;
+};
+
 struct RenderOptions {
   std::optional<time_t> clock;   // the live view's clock line
+  std::optional<Progress> progress;
   std::size_t max_events = 10;   // the latest change events shown
   std::size_t bar_width = 30;
 };

@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -78,11 +79,10 @@ for _ in $(seq 200); do [ -S "$RILL_SOCKET" ] && break; sleep 0.05; done
 printf 'dms-metadata-db-1700000000:/var/uuidmount:/var/uuidmount/aaaa/.kord/tagdb\n' >/tmp/.kord/kord.ini
 printf '/var/uuidmount/aaaa' >/rw/zib_metadata_location
 m=/var/uuidmount/aaaa/Media
-for f in a.mkv b.mkv c.mkv; do "$KORDCTL" set $m/$f .s.filetype STDVIDEO; done
-for f in d.mp3 e.mp3; do "$KORDCTL" set $m/$f .s.filetype STDAUDIO; done
-"$KORDCTL" set $m/f.jpg .s.filetype STDIMAGE
-"$KORDCTL" set $m/a.mkv .s.tbp 1
-"$KORDCTL" set $m/d.mp3 .s.tbp 1
+# Waiting files carry their type; profiled ones lost it for their mark.
+for f in a.mkv b.mkv; do "$KORDCTL" set $m/$f .s.filetype STDVIDEO; "$KORDCTL" set $m/$f .s.tbp 1; done
+"$KORDCTL" set $m/d.mp3 .s.filetype STDAUDIO; "$KORDCTL" set $m/d.mp3 .s.tbp 1
+for f in c.mkv e.mp3 f.jpg; do "$KORDCTL" set $m/$f .s.mdt 20250101120000; done
 "$KORDCTL" set /var/uuidmount/aaaa .s.invisible 1
 for i in 1 2 3 4 5 6 7; do printf 'aaaa\t2\t/Media/file %s.mkv\n' $i; done >"$TOCK_EVENTS"
 echo "== once"
@@ -93,7 +93,7 @@ echo "history=$("$RILLCTL" history VFS.MetaDataService.ProfilingStatus | wc -l)"
 echo "views=$(ls -A /tmp/.kord/views 2>/dev/null | wc -l)"
 "$RILLCTL" set VFS.MetaDataService.ProfilingStatus Ready
 "$KORDCTL" del $m/a.mkv .s.tbp
-"$STATUS" --once --events 0 | grep -E '^(profiling|waiting|progress|events)'
+"$STATUS" --once --events 0 | grep -E '^(profiling|waiting|progress|events|  STD)'
 kill $broker; wait $broker 2>/dev/null
 echo "== no broker"
 "$STATUS" --once --events 0; echo "exit=$?"
@@ -112,14 +112,13 @@ TEST(StatusOnce, ShowsTheGatewaysFiguresAndChangesNothing) {
                                   "database: +/var/uuidmount/aaaa/.kord/tagdb\n"
                                   "remembered: +/var/uuidmount/aaaa\n"))
       << once;
-  // Seven known paths (the partition root among them), six media files, two
-  // of them waiting: four of six profiled, 4 * 30 / 6 = 20 of the bar's 30.
+  // Seven known paths (the partition root among them), three waiting. The
+  // one-shot form has seen no run begin, so it draws no progress bar.
   EXPECT_THAT(once, HasSubstr("files:       7\n"
-                              "  STDAUDIO   2\n"
-                              "  STDIMAGE   1\n"
-                              "  STDVIDEO   3\n"
-                              "waiting:     2\n"
-                              "progress:    [####################----------] 66%  4 of 6 profiled\n"))
+                              "waiting:     3\n"
+                              "  STDAUDIO   1\n"
+                              "  STDVIDEO   2\n"
+                              "events:  "))
       << once;
   EXPECT_THAT(once, HasSubstr("events:      7 in /run/tock.events, latest last\n"
                               "  aaaa  2  /Media/file 5.mkv\n"
@@ -135,8 +134,9 @@ TEST(StatusOnce, ShowsTheGatewaysFiguresAndChangesNothing) {
   const std::string after = section(r.out, "afterwards");
   EXPECT_THAT(after, HasSubstr("exit=0\nhistory=0\nviews=0\n")) << after;
   // Once profiling is over the bar goes; the counts follow the tag store.
-  EXPECT_THAT(after, HasSubstr("profiling:   Ready\nwaiting:     1\nevents:      7 in")) << after;
-  EXPECT_THAT(after, Not(HasSubstr("progress"))) << after;
+  EXPECT_THAT(after, HasSubstr("profiling:   Ready\nwaiting:     2\n  STDAUDIO   1\n  STDVIDEO   2\nevents:      7 in"))
+      << after;
+  EXPECT_THAT(r.out, Not(HasSubstr("progress")));
 
   // Without the broker the rest is still shown.
   const std::string alone = section(r.out, "no broker");
@@ -278,6 +278,8 @@ class LiveView : public SandboxTest {
                    "VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk\n"
                    "VFS.MetaDataService.ProfilingStatus=Ready\n");
     sandbox_.write("events", "aaaa\t2\t/Media/first.mkv\n");
+    sandbox_.mkdirs("disk/Media");
+    sandbox_.write("kord.ini", "dms-metadata-db-1700000000:" + sandbox_.path() + ":" + (sandbox_ / "disk/.kord/tagdb") + "\n");
     startBroker();
 
     master_.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -301,7 +303,8 @@ class LiveView : public SandboxTest {
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
     std::vector<std::string> env_text{"RILL_SOCKET=" + socket_, "TOCK_EVENTS=" + events_,
-                                      "KORD_INI=" + (sandbox_ / "no-kord.ini"), "TERM=xterm", "TZ=UTC"};
+                                      "KORD_INI=" + (sandbox_ / "kord.ini"), "KORDCTL=" + binary("kordctl"),
+                                      "TERM=xterm", "TZ=UTC"};
     if (const char* asan = ::getenv("ASAN_OPTIONS")) env_text.push_back(std::string("ASAN_OPTIONS=") + asan);
     std::vector<char*> envp;
     for (auto& e : env_text) envp.push_back(e.data());
@@ -380,6 +383,13 @@ class LiveView : public SandboxTest {
     return lines;
   }
 
+  // kordctl on this test's tag store.
+  void kord(std::vector<std::string> args) {
+    args.insert(args.begin(), binary("kordctl"));
+    const Result r = run(args, Env{{{"KORD_INI", sandbox_ / "kord.ini"}}});
+    ASSERT_EQ(r.status, 0) << r.err;
+  }
+
   std::optional<int> waitExit() {
     int status = 0;
     if (!waitFor([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, std::chrono::seconds(20)))
@@ -404,7 +414,15 @@ TEST_F(LiveView, RedrawsInPlaceFollowsTheGatewayAndRestoresTheTerminalOnCtrlC) {
   ASSERT_EQ(::tcgetattr(slave_.get(), &during), 0);
   EXPECT_EQ(during.c_lflag & (ECHO | ICANON), 0u);
 
-  // A status change and a new event show in a later frame.
+  // Four files wait, profiling starts and two are profiled: the bar follows.
+  for (const char* name : {"a.mkv", "b.mkv", "c.mkv", "d.mkv"}) {
+    const std::string file = sandbox_ / (std::string("disk/Media/") + name);
+    kord({"set", file, ".s.filetype", "STDVIDEO"});
+    kord({"set", file, ".s.tbp", "1"});
+  }
+  std::size_t mark = output_.size();
+  ASSERT_TRUE(readUntil([&](const std::string& o) { return o.find("waiting:     4", mark) != std::string::npos; }))
+      << output_.substr(mark);
   ASSERT_EQ(run({binary("rillctl"), "set", "VFS.MetaDataService.ProfilingStatus", "Profiling"},
                 Env{{{"RILL_SOCKET", socket_}}})
                 .status,
@@ -414,12 +432,24 @@ TEST_F(LiveView, RedrawsInPlaceFollowsTheGatewayAndRestoresTheTerminalOnCtrlC) {
     const std::string line = "aaaa\t2\t/Media/second.mkv\n";
     ASSERT_EQ(::write(log.get(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
   }
-  std::size_t mark = output_.size();
+  mark = output_.size();
   ASSERT_TRUE(readUntil([&](const std::string& o) {
     const std::size_t at = o.find("profiling:   Profiling", mark);
-    return at != std::string::npos && o.find("/Media/second.mkv", at) != std::string::npos;
+    return at != std::string::npos && o.find("0 of 4 profiled", at) != std::string::npos &&
+           o.find("/Media/second.mkv", at) != std::string::npos;
   })) << output_.substr(mark);
   EXPECT_THAT(output_, HasSubstr("events:      2 in "));
+  for (const char* name : {"a.mkv", "b.mkv"}) {
+    const std::string file = sandbox_ / (std::string("disk/Media/") + name);
+    kord({"del", file, ".s.tbp"});
+    kord({"del", file, ".s.filetype"});
+  }
+  // One frame with the new figures (kordctl's changes land one by one).
+  mark = output_.size();
+  const std::regex half("waiting: +2\x1b\\[K\r*\n  STDVIDEO   2\x1b\\[K\r*\n"
+                        "progress: +\\[#{15}-{15}\\] 50%  2 of 4 profiled\x1b\\[K");
+  ASSERT_TRUE(readUntil([&](const std::string& o) { return std::regex_search(o.substr(mark), half); }))
+      << output_.substr(mark);
 
   // The broker goes away: the view says so and keeps refreshing.
   broker_.reset();
