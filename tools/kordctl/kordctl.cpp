@@ -35,7 +35,8 @@ constexpr const char* kUsage =
     "  query CONDITION      print the known paths whose tags satisfy CONDITION, sorted;\n"
     "                       CONDITION joins terms \"@TAG@ exists\" and \"@TAG@='VALUE'\" with\n"
     "                       \" and \", e.g. \"@.s.tbp@ exists and @.s.filetype@='STDVIDEO'\"\n"
-    "  set PATH NAME VALUE  set the tag NAME of PATH to VALUE\n"
+    "  set PATH NAME VALUE [NAME VALUE]...\n"
+    "                       set the tag NAME of PATH to VALUE (several in one commit)\n"
     "  del PATH NAME        delete the tag NAME of PATH\n"
     "  stats                print the number of known files (\"files N\"), of files to\n"
     "                       be profiled (\".s.tbp N\") and of files per type\n"
@@ -138,10 +139,17 @@ int changeTag(const std::string& path, const std::string& name,
   return kExitOk;
 }
 
+// set PATH NAME VALUE [NAME VALUE]...: all in one commit (a profiler stores
+// a file's metadata with one call).
 int commandSet(const std::vector<std::string>& args) {
-  if (args[1].empty()) return usageError("empty tag name");
+  if (args.size() % 2 == 0) return usageError("usage: kordctl set PATH NAME VALUE [NAME VALUE]...");
+  for (std::size_t i = 1; i < args.size(); i += 2)
+    if (args[i].empty()) return usageError("empty tag name");
   return changeTag(args[0], args[1], [&](kord_bulk_t* h) {
-    return kord_bulk_settag(h, args[1].c_str(), args[2].c_str());
+    for (std::size_t i = 1; i < args.size(); i += 2) {
+      if (kord_bulk_settag(h, args[i].c_str(), args[i + 1].c_str()) != 0) return -1;
+    }
+    return 0;
   });
 }
 
@@ -172,7 +180,7 @@ const std::map<std::string, Command>& commands() {
       {"tags", {1, 1, "tags PATH", commandTags}},
       {"files", {0, 1, "files [DIR]", commandFiles}},
       {"query", {1, 1, "query CONDITION", commandQuery}},
-      {"set", {3, 3, "set PATH NAME VALUE", commandSet}},
+      {"set", {3, static_cast<std::size_t>(-1), "set PATH NAME VALUE [NAME VALUE]...", commandSet}},
       {"del", {2, 2, "del PATH NAME", commandDel}},
       {"stats", {0, 0, "stats", commandStats}},
   };

@@ -71,6 +71,13 @@ TEST_F(KordctlTest, SetAndDelChangeOneTagForEveryone) {
   r = kordctl({"del", at("p1/x.mp4"), ".s.tbp"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(tagsOf(at("p1/x.mp4")), ".s.note=with spaces = and 'quotes'");
+  // Several pairs in one call; an empty name among them changes nothing.
+  r = kordctl({"set", at("p1/x.mp4"), "media.a", "1", "media.b", "two words"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(tagsOf(at("p1/x.mp4")), ".s.note=with spaces = and 'quotes' media.a=1 media.b=two words");
+  r = kordctl({"set", at("p1/x.mp4"), "media.a", "3", "", "v"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(tagsOf(at("p1/x.mp4")), ".s.note=with spaces = and 'quotes' media.a=1 media.b=two words");
 }
 
 TEST_F(KordctlTest, ExitCodesAndMessages) {
@@ -91,6 +98,7 @@ TEST_F(KordctlTest, ExitCodesAndMessages) {
                                                                 {"frobnicate"},
                                                                 {"tags"},
                                                                 {"set", at("p1/a.mp4"), "n"},
+                                                                {"set", at("p1/a.mp4"), "n", "v", "m"},
                                                                 {"stats", "extra"},
                                                                 {"--bogus", "stats"},
                                                                 {"--db"}}) {
