@@ -1,59 +1,198 @@
 #!/usr/bin/env bash
-# Inside the sandbox (scripts/sandbox.sh): lays out the sample gateway's disks
-# below /var/uuidmount, starts the bus broker with the sample model, then runs
-# zibd with the sample file-type map in the foreground until Ctrl-C.
-#   --shell  start zibd in the background and open a shell in the sandbox
-#            instead (rillctl, kordctl and zibd are on its PATH); leaving the
-#            shell stops everything.
+# Inside the sandbox (scripts/sandbox.sh): builds the sample gateway and runs
+# zibd on it until Ctrl-C (docs/sample-gateway.md).
+#
+#   sample-gateway.sh [--fast] [--shell] [--tmpfs]
+#
+# Two USB disks as file system images, loop-mounted below /var/uuidmount: an
+# ext4 "family disk" (the managed one, with a Media directory) and a FAT stick
+# with a data partition and a read-only one, filled with the small media files
+# of sample/media. The bus broker starts with sample/gateway.model, the
+# profilers of sample/profilers are put where sample/file-types.ini points
+# (/usr/lib/zibd), and zibd runs with that map.
+#   --fast   zibd's clock runs ten times faster (libfaketime): the start-up
+#            pause of 60 s and the settle time of 30 s take 9 s together
+#   --shell  open a shell in the sandbox (rillctl, kordctl, zibd-status on
+#            its PATH); leaving it stops everything
+#   --tmpfs  tmpfs disks instead of loop-mounted images (also the fallback
+#            when the machine cannot loop-mount, which is said on screen)
+# Without --shell the status view (zibd-status) runs in the foreground when it
+# has been built and the output is a terminal; otherwise the script waits for
+# zibd. Ctrl-C stops zibd, and the script exits with zibd's exit status.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+repo=$PWD
 [ "${ZIBD_IN_SANDBOX:-}" = 1 ] || { echo "sample-gateway.sh runs inside scripts/sandbox.sh" >&2; exit 2; }
+
+fast=0 shell=0 tmpfs=0
+for arg in "$@"; do
+  case "$arg" in
+    --fast) fast=1 ;;
+    --shell) shell=1 ;;
+    --tmpfs) tmpfs=1 ;;
+    -h|--help) sed -n '2,/^set -euo/{/^set -euo/d;s/^# \{0,1\}//;p}' "$0"; exit 0 ;;
+    *) echo "sample-gateway.sh: unknown option '$arg' (--fast, --shell, --tmpfs)" >&2; exit 2 ;;
+  esac
+done
+say() { echo "sample gateway: $*"; }
 
 # The programs: ZIBD_PROGRAM, RILLD, RILLCTL and KORDCTL when given (the tests
 # give the paths their build made), else those of the build in ZIBD_BUILD_DIR
-# (default build/host). They are put on PATH through links in /run/bin.
+# (default build/host), with every other program of its tools/ (the status
+# view among them). They are put on PATH through links in /run/bin.
 build=${ZIBD_BUILD_DIR:-build/host}
-[[ $build = /* ]] || build=$PWD/$build
+[[ $build = /* ]] || build=$repo/$build
 mkdir -p /run/bin
+for tool in "$build"/tools/*/*; do
+  [ -f "$tool" ] && [ -x "$tool" ] && ln -sf "$tool" "/run/bin/${tool##*/}"
+done
 for program in zibd:${ZIBD_PROGRAM:-$build/zibd} rilld:${RILLD:-$build/tools/rilld/rilld} \
                rillctl:${RILLCTL:-$build/tools/rillctl/rillctl} kordctl:${KORDCTL:-$build/tools/kordctl/kordctl}; do
   name=${program%%:*} path=${program#*:}
   if [ -x "$path" ]; then
     ln -sf "$path" "/run/bin/$name"
-  elif [ "$name" != kordctl ]; then
+  else
     echo "sample-gateway.sh: $name not found at $path (build it: scripts/build.sh host)" >&2; exit 1
   fi
 done
 export PATH="/run/bin:$PATH"
 export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
+export ZIBD_PROFILER_LOG=${ZIBD_PROFILER_LOG:-/run/zibd-profilers.log}
 
-# Partition contents: a few small files of each kind (content does not matter
-# to the indexer, only names and times).
-media() { mkdir -p "$(dirname "$1")" && head -c "${2:-4096}" /dev/urandom >"$1"; }
-family=/var/uuidmount/4f2a-91c3 stick=/var/uuidmount/77e0-0b12 ro=/var/uuidmount/c0de-5e7a
-for i in 1 2 3; do
-  media "$family/Media/Movies/holiday-$i.mkv"
-  media "$family/Media/Music/Album/track-0$i.mp3"
-  media "$family/Media/Pictures/2026/IMG_000$i.JPG"
-  media "$stick/Music/song-$i.flac"
-done
-media "$family/Backup/laptop-image.mp4"
-media "$stick/Documents/letter.pdf"
-mkdir -p "$ro"
+# The disks: UUID, file system, size in MB, mount options. The UUIDs are
+# those of sample/gateway.model's mount points.
+family=/var/uuidmount/4f2a91c3-7d1e-4b6a-9c05-2e8f1a3b6d74
+stick=/var/uuidmount/77E0-0B12
+stick_ro=/var/uuidmount/C0DE-5E7A
 
+# make_disk DIR FSTYPE SIZE_MB: a file system image in /run/disks with the
+# UUID that DIR is named after, loop-mounted at DIR; a tmpfs when that is not
+# possible, and then the reason is said. The image lives in the sandbox's
+# tmpfs; the loop device is released when the sandbox ends.
+make_disk() {
+  local dir=$1 fs=$2 size=$3 uuid=${1##*/} image=/run/disks/${1##*/}.img out why=""
+  mkdir -p "$dir"
+  if ((tmpfs)); then
+    why="--tmpfs"
+  elif ! grep -qw "$fs" /proc/filesystems; then
+    why="this kernel has no $fs file system"
+  else
+    mkdir -p /run/disks
+    truncate -s "${size}M" "$image"
+    case "$fs" in
+      ext4) out=$(mkfs.ext4 -q -F -U "$uuid" -L family -E root_owner=0:0 "$image" 2>&1) ;;
+      vfat) out=$(mkfs.vfat -i "${uuid//-/}" -n STICK "$image" 2>&1) ;;
+    esac || why="mkfs.$fs failed: ${out%%$'\n'*}"
+    if [ -z "$why" ]; then
+      out=$(mount -o loop "$image" "$dir" 2>&1) && return 0
+      why="cannot loop-mount: ${out%%$'\n'*}"
+    fi
+    rm -f "$image"
+  fi
+  say "$dir is a tmpfs, not a $fs image ($why)"
+  mount -t tmpfs -o size="${size}m" "sample-$uuid" "$dir"
+}
+
+make_disk "$family" ext4 32
+make_disk "$stick" vfat 16
+make_disk "$stick_ro" vfat 4
+
+# The media: real files with metadata from sample/media, one that no tool can
+# read, and files outside the index rules' directories.
+put() {  # SOURCE DESTINATION
+  mkdir -p "$(dirname "$2")" && cp "$repo/sample/media/$1" "$2"
+}
+put holiday.mkv "$family/Media/Movies/Holiday at the Sea.mkv"
+put birthday.mp4 "$family/Media/Movies/birthday.mp4"
+put morning-light.mp3 "$family/Media/Music/The Sample Band/First Light/01 Morning Light.mp3"
+put evening-tide.flac "$family/Media/Music/The Sample Band/First Light/02 Evening Tide.flac"
+put beach.jpg "$family/Media/Pictures/2025/beach.jpg"
+put tower.jpg "$family/Media/Pictures/2025/tower.jpg"
+put drawing.png "$family/Media/Pictures/drawing.png"
+head -c 8192 /dev/urandom >"$family/Media/Movies/damaged.avi"
+mkdir -p "$family/Backup"
+head -c 8192 /dev/urandom >"$family/Backup/laptop-image.mp4"
+put road-trip.ogg "$stick/Music/road-trip.ogg"
+put tower.jpg "$stick/Music/cover.jpg"
+mkdir -p "$stick/Documents"
+echo "Dear reader, this stick holds more than music." >"$stick/Documents/letter.txt"
+put beach.jpg "$stick_ro/DCIM/beach.jpg"
+mount -o remount,ro "$stick_ro"  # filled, now read-only as on the bus
+
+# The profilers where the map points. /usr is the host's, bound into the
+# sandbox: an overlay with a tmpfs upper layer over /usr/lib makes room for
+# zibd's directory without touching the host. Where that fails the map is
+# copied with the profilers' paths rewritten, and that is said.
+map=$repo/sample/file-types.ini
+profilers=$repo/sample/profilers
+install_profilers() {
+  if [ ! -d /usr/lib/zibd ]; then
+    mkdir -p /run/usr-lib/upper /run/usr-lib/work
+    mount -t overlay sample-usr-lib \
+      -o lowerdir=/usr/lib,upperdir=/run/usr-lib/upper,workdir=/run/usr-lib/work /usr/lib 2>/dev/null &&
+      mkdir /usr/lib/zibd || return 1
+  fi
+  mount --bind "$profilers" /usr/lib/zibd
+}
+if ! install_profilers; then
+  sed "s#/usr/lib/zibd/#$profilers/#" "$map" >/run/file-types.ini
+  map=/run/file-types.ini
+  say "cannot make /usr/lib/zibd here; zibd uses $map (the shipped map with the profilers in $profilers)"
+fi
+
+broker=""
+daemon=""
+stop_all() {
+  [ -z "$daemon" ] || { kill -TERM "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; }
+  [ -z "$broker" ] || { kill "$broker" 2>/dev/null; wait "$broker" 2>/dev/null || true; }
+}
+trap stop_all EXIT
 rilld --model sample/gateway.model &
 broker=$!
-trap 'kill $broker 2>/dev/null; wait $broker 2>/dev/null || true' EXIT
-for _ in $(seq 50); do [ -S "$RILL_SOCKET" ] && break; sleep 0.1; done
+for _ in $(seq 100); do [ -S "$RILL_SOCKET" ] && break; sleep 0.1; done
+[ -S "$RILL_SOCKET" ] || { echo "sample-gateway.sh: the broker did not start" >&2; exit 1; }
 
-echo "sample gateway: disks under /var/uuidmount, bus at $RILL_SOCKET, events in $TOCK_EVENTS"
-if [ "${1:-}" = --shell ]; then
-  zibd -t sample/file-types.ini &
-  daemon=$!
-  trap 'kill $daemon 2>/dev/null; wait $daemon 2>/dev/null; kill $broker 2>/dev/null; wait $broker 2>/dev/null || true' EXIT
-  echo "zibd runs as pid $daemon; try: rillctl get VFS.MetaDataService, kordctl stats, ls -R /var/uuidmount"
-  PS1='[zibd sandbox] \w\$ ' bash --norc -i || true
+zibd_env=()
+if ((fast)); then
+  lib=${FAKETIME_LIB:-$(ls /usr/lib/*/faketime/libfaketimeMT.so.1 2>/dev/null | head -n 1)}
+  [ -n "$lib" ] && [ -f "$lib" ] || { echo "sample-gateway.sh: --fast needs libfaketime (scripts/setup.sh)" >&2; exit 1; }
+  # NO_FAKE_STAT: file times stay real, so the modification-time tags do.
+  zibd_env=(env NO_FAKE_STAT=1 FAKETIME="+0 x10" LD_PRELOAD="$lib")
+  say "zibd's clock runs ten times faster: the first scan starts about 9 s after start-up"
 else
-  echo "zibd runs in the foreground; Ctrl-C stops it"
-  zibd -t sample/file-types.ini
+  say "zibd waits 60 s at start-up and 30 s for the disks to settle before the first scan (--fast: 9 s)"
 fi
+
+say "disks under /var/uuidmount, bus at $RILL_SOCKET, events in $TOCK_EVENTS"
+say "profilers log to $ZIBD_PROFILER_LOG"
+"${zibd_env[@]}" zibd -t "$map" &
+daemon=$!
+
+if ((shell)); then
+  say "zibd runs as pid $daemon; try: zibd-status, rillctl get VFS.MetaDataService, kordctl stats,"
+  say "  kordctl tags \"$family/Media/Movies/birthday.mp4\", cp, mv, rm below /var/uuidmount,"
+  say "  rillctl del Storage.Disk.2 (unplug the stick)"
+  PS1='[zibd sandbox] \w\$ ' bash --norc -i || true
+  exit 0
+fi
+
+# Ctrl-C reaches zibd (and the view), which stop on it; this script only
+# follows them, so it ignores the signal itself.
+trap '' INT
+if command -v zibd-status >/dev/null && [ -t 1 ] && [ -t 0 ]; then
+  say "zibd runs as pid $daemon; the status view follows it (Ctrl-C or q stops both)"
+  # The view keeps the terminal (an explicit redirection: a background
+  # command would read /dev/null); whichever ends first ends the other.
+  zibd-status <&0 &
+  view=$!
+  while kill -0 "$daemon" 2>/dev/null && kill -0 "$view" 2>/dev/null; do sleep 0.2; done
+  kill -INT "$view" "$daemon" 2>/dev/null || true
+  wait "$view" || true
+else
+  say "zibd runs in the foreground; Ctrl-C stops it"
+fi
+# zibd's own exit status: 0 after Ctrl-C (SIGINT).
+status=0
+wait "$daemon" || status=$?
+daemon=""
+exit "$status"

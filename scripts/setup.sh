@@ -12,6 +12,8 @@ packages=(
   dpkg-dev tcl
   libfaketime faketime
   util-linux mount procps
+  # The sample gateway: its disk images and its profilers' tools.
+  e2fsprogs dosfstools mediainfo exif jq
 )
 
 sudo=""
