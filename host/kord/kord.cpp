@@ -5,15 +5,34 @@
 // another one. The calls without a handle share one connection under a mutex.
 // Every entry point catches everything: results are codes, and the reason for
 // the last failure is kept per thread (kord_host.h: lastError()).
+//
+// Grouped commits. kord_bulk_commit leaves a handle's commits in its open
+// SQLite transaction (a group) and really commits it when the group is
+// kGroupWindow old or holds kGroupCommits commits (at that commit, or by the
+// flusher thread once the window has passed while the handle is idle), at
+// kord_bulk_fini, and before any call of this process that works on the rows
+// through another handle or the shared connection (moves, deletes, views,
+// cleanup, listings). A group holds the database's write lock, so that is
+// also what keeps another handle's writer from waiting on it. A handle in the
+// middle of a file (changes after its last commit) has the group written
+// without them and its changes made again (flushGroup).
 #include "platform/kord.h"
 
+#include <pthread.h>
+#include <time.h>
+
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "host/kord/condition.h"
 #include "host/kord/configuration.h"
@@ -22,15 +41,37 @@
 #include "host/kord/paths.h"
 #include "host/kord/store.h"
 
-// A bulk handle: the selected path and the connection it writes through.
-struct kord_bulk {
+namespace zibd::kord {
+
+using Clock = std::chrono::steady_clock;
+
+// What a bulk handle holds. Shared with the library's list of open groups,
+// which may flush it from another thread: everything here is guarded by
+// `mutex`, which every call on the handle holds.
+struct HandleState {
+  std::mutex mutex;
   std::string path;  // empty: nothing selected
-  std::unique_ptr<zibd::kord::Store> store;
+  std::unique_ptr<Store> store;
+  bool flush_requested = false;  // flush at the next commit
+  Clock::time_point group_deadline;
+  std::string lost;  // why a group flushed from outside failed; told at the next commit
+};
+
+}  // namespace zibd::kord
+
+// A bulk handle.
+struct kord_bulk {
+  std::shared_ptr<zibd::kord::HandleState> state = std::make_shared<zibd::kord::HandleState>();
 };
 
 namespace zibd::kord {
 
 namespace {
+
+// How long and how many commits a group may hold. A commit older than the
+// window is written (see docs/kord.md for what survives a kill).
+constexpr auto kGroupWindow = std::chrono::milliseconds(40);
+constexpr int kGroupCommits = 1000;
 
 constexpr std::int64_t kCleanupChunk = 256;  // files checked between two drops
 constexpr const char* kTagToBeProfiled = ".s.tbp";
@@ -38,14 +79,145 @@ constexpr const char* kTagFileType = ".s.filetype";
 
 thread_local Error t_last_error;
 
+// Ends the handle's group. A handle in the middle of a file gets its changes
+// made again after the group, and commits them at once at its next commit
+// (it holds the write lock again meanwhile). The caller holds state.mutex.
+void flushHandle(HandleState& state) noexcept {
+  if (!state.store || state.store->groupCommits() == 0) return;
+  state.flush_requested = state.store->changedSinceCommit();
+  try {
+    state.store->flushGroup(true);
+  } catch (const std::exception& e) {
+    try {
+      state.lost = e.what();
+    } catch (...) {
+    }
+  }
+}
+
+// The handles with an open group, and the thread that ends groups whose
+// window has passed. Lock order: a handle's mutex before mutex_, never the
+// other way round (flushers copy the list and let go of mutex_ first).
+class Groups {
+ public:
+  // Registers a handle whose group just opened. Takes mutex_.
+  void opened(const std::shared_ptr<HandleState>& state, Clock::time_point deadline) {
+    std::lock_guard lock(mutex_);
+    for (const Entry& e : open_) {
+      if (e.state == state) return;
+    }
+    open_.push_back({state, deadline});
+    count_.store(static_cast<int>(open_.size()), std::memory_order_release);
+    if (!flusher_running_) {
+      static std::once_flag at_fork;
+      std::call_once(at_fork, [] { ::pthread_atfork(&forkPrepare, &forkParent, &forkChild); });
+      std::thread([this] { flusherLoop(); }).detach();
+      flusher_running_ = true;
+    }
+    if (open_.size() == 1) wake_.notify_one();
+  }
+
+  void closed(const HandleState* state) {
+    std::lock_guard lock(mutex_);
+    open_.erase(std::remove_if(open_.begin(), open_.end(),
+                               [&](const Entry& e) { return e.state.get() == state; }),
+                open_.end());
+    count_.store(static_cast<int>(open_.size()), std::memory_order_release);
+  }
+
+  // Ends every open group but self's, so that what they committed is seen
+  // (and their write lock is free). Called holding no handle's mutex.
+  void flushAllBut(const HandleState* self) {
+    int open = count_.load(std::memory_order_acquire);
+    if (open == 0 || (open == 1 && self && isOnlyOpen(self))) return;
+    std::vector<std::shared_ptr<HandleState>> others;
+    {
+      std::lock_guard lock(mutex_);
+      for (const Entry& e : open_) {
+        if (e.state.get() != self) others.push_back(e.state);
+      }
+    }
+    for (const auto& state : others) {
+      flushAndForget(*state);
+    }
+  }
+
+ private:
+  struct Entry {
+    std::shared_ptr<HandleState> state;
+    Clock::time_point deadline;
+  };
+
+  // Under the handle's mutex, so that a group the handle opens meanwhile is
+  // not forgotten.
+  void flushAndForget(HandleState& state) {
+    std::lock_guard lock(state.mutex);
+    flushHandle(state);
+    closed(&state);
+  }
+
+  bool isOnlyOpen(const HandleState* self) {
+    std::lock_guard lock(mutex_);
+    return open_.size() == 1 && open_.front().state.get() == self;
+  }
+
+  // Sleeps in nanosleep and waits for work untimed, so that a sped-up clock
+  // (libfaketime in system tests) speeds it too.
+  [[noreturn]] void flusherLoop() noexcept {
+    for (;;) {
+      std::vector<std::shared_ptr<HandleState>> due;
+      Clock::duration sleep{};
+      {
+        std::unique_lock lock(mutex_);
+        while (open_.empty()) wake_.wait(lock);
+        const Clock::time_point now = Clock::now();
+        Clock::time_point earliest = Clock::time_point::max();
+        for (Entry& e : open_) {
+          if (e.deadline <= now) {
+            due.push_back(e.state);
+          } else {
+            earliest = std::min(earliest, e.deadline);
+          }
+        }
+        if (due.empty()) sleep = earliest - now;
+      }
+      if (due.empty()) {
+        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(sleep).count();
+        struct timespec ts {
+          static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)
+        };
+        ::nanosleep(&ts, nullptr);
+        continue;
+      }
+      for (const auto& state : due) {
+        flushAndForget(*state);
+      }
+    }
+  }
+
+  // A forked child has no flusher thread and none of the parent's groups.
+  static void forkPrepare();
+  static void forkParent();
+  static void forkChild();
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::vector<Entry> open_;
+  std::atomic<int> count_{0};
+  bool flusher_running_ = false;
+};
+
 class Library {
  public:
   Configuration& configuration() { return configuration_; }
+  Groups& groups() { return groups_; }
 
   // Runs fn on the shared connection, (re)opened for the current location.
-  // Takes shared_mutex_, then (briefly) the Configuration's own mutex.
+  // Ends the groups of this process's handles first, then takes
+  // shared_mutex_, then (briefly) the Configuration's own mutex.
   template <typename Fn>
   auto withShared(Fn&& fn) {
+    groups_.flushAllBut(nullptr);
     std::lock_guard lock(shared_mutex_);
     std::shared_ptr<const Location> location = configuration_.current();
     if (!location->configured) fail(Status::kNoDatabase, location->problem);
@@ -58,7 +230,8 @@ class Library {
 
  private:
   Configuration configuration_;  // thread-safe on its own
-  std::mutex shared_mutex_;      // guards shared_ and every use of the Store in it
+  Groups groups_;
+  std::mutex shared_mutex_;  // guards shared_ and every use of the Store in it
   std::unique_ptr<Store> shared_;
 };
 
@@ -67,6 +240,19 @@ class Library {
 Library& library() {
   static Library* instance = new Library;
   return *instance;
+}
+
+void Groups::forkPrepare() { library().groups().mutex_.lock(); }
+void Groups::forkParent() { library().groups().mutex_.unlock(); }
+void Groups::forkChild() {
+  Groups& g = library().groups();
+  // The parent's handles are the parent's: the child never commits them.
+  static auto* kept = new std::vector<std::shared_ptr<HandleState>>;
+  for (Entry& e : g.open_) kept->push_back(std::move(e.state));
+  g.open_.clear();
+  g.count_.store(0);
+  g.flusher_running_ = false;
+  g.mutex_.unlock();
 }
 
 void clearLastError() noexcept {
@@ -147,11 +333,27 @@ std::string_view canonicalPath(const char* path) {
   return path;
 }
 
-Store& selected(kord_bulk_t* handle) {
-  requireArgument(handle, "handle");
-  if (handle->path.empty()) fail(Status::kBadArgument, "no path selected");
-  return *handle->store;
-}
+// A call on a handle: the other handles' groups are ended first, then the
+// handle is locked for the call.
+class HandleCall {
+ public:
+  explicit HandleCall(kord_bulk_t* handle) {
+    requireArgument(handle, "handle");
+    library().groups().flushAllBut(handle->state.get());
+    state_ = handle->state.get();
+    lock_ = std::unique_lock(state_->mutex);
+  }
+  HandleState& state() { return *state_; }
+  // The handle's store, with a path selected.
+  Store& selected() {
+    if (state_->path.empty()) fail(Status::kBadArgument, "no path selected");
+    return *state_->store;
+  }
+
+ private:
+  HandleState* state_;
+  std::unique_lock<std::mutex> lock_;
+};
 
 }  // namespace
 
@@ -222,33 +424,43 @@ extern "C" kord_bulk_t* kord_bulk_init(void) {
 
 extern "C" int kord_bulk_setpath(kord_bulk_t* handle, const char* path) {
   return guarded([&] {
-    zibd::kord::requireArgument(handle, "handle");
-    handle->path.clear();  // a failed selection selects nothing
+    zibd::kord::HandleCall call(handle);
+    zibd::kord::HandleState& state = call.state();
+    state.path.clear();  // a failed selection selects nothing
     std::string_view canonical = zibd::kord::canonicalPath(path);
     auto location = library().configuration().current();
     if (!location->configured) fail(Status::kNoDatabase, location->problem);
     if (!zibd::kord::isBelow(canonical, location->root))
       fail(Status::kBadArgument,
            std::string(canonical) + " is not below the database root " + location->root);
-    if (!handle->store || handle->store->location().generation != location->generation) {
-      // Uncommitted changes were meant for the database that is no longer
-      // configured: they go with its connection.
-      handle->store.reset();
-      handle->store = std::make_unique<Store>(std::move(location));
+    if (!state.store || state.store->location().generation != location->generation) {
+      // Grouped commits go to the database they were made for; changes not
+      // committed yet go with its connection.
+      if (state.store) {
+        try {
+          state.store->flushGroup(false);
+        } catch (const zibd::kord::Failure&) {
+          // lost with the old database, like changes not committed
+        }
+        library().groups().closed(&state);
+      }
+      state.store.reset();
+      state.store = std::make_unique<Store>(std::move(location));
     }
-    handle->path.assign(canonical);  // reuses the handle's buffer
+    state.path.assign(canonical);  // reuses the handle's buffer
     return 0;
   });
 }
 
 extern "C" int kord_bulk_gettag(kord_bulk_t* handle, const char* name, char* value, size_t size) {
   return guarded([&] {
-    Store& store = zibd::kord::selected(handle);
+    zibd::kord::HandleCall call(handle);
+    Store& store = call.selected();
     zibd::kord::requireArgument(name, "name");
     zibd::kord::requireArgument(value, "value");
     if (size == 0) fail(Status::kBadArgument, "no room for the value");
     std::string text;
-    if (!store.getTag(handle->path, name, &text)) return zibd::kord::notFound("no tag ", name);
+    if (!store.getTag(call.state().path, name, &text)) return zibd::kord::notFound("no tag ", name);
     std::size_t n = std::min(text.size(), size - 1);
     std::memcpy(value, text.data(), n);
     value[n] = '\0';
@@ -258,9 +470,10 @@ extern "C" int kord_bulk_gettag(kord_bulk_t* handle, const char* name, char* val
 
 extern "C" int kord_bulk_settag(kord_bulk_t* handle, const char* name, const char* value) {
   return guarded([&] {
-    Store& store = zibd::kord::selected(handle);
+    zibd::kord::HandleCall call(handle);
+    Store& store = call.selected();
     zibd::kord::requireTag(name, value);
-    store.setTag(handle->path, name, value);
+    store.setTag(call.state().path, name, value);
     return 0;
   });
 }
@@ -268,31 +481,72 @@ extern "C" int kord_bulk_settag(kord_bulk_t* handle, const char* name, const cha
 extern "C" int kord_bulk_settag_recursive(kord_bulk_t* handle, const char* name,
                                           const char* value) {
   return guarded([&] {
-    Store& store = zibd::kord::selected(handle);
+    zibd::kord::HandleCall call(handle);
+    Store& store = call.selected();
     zibd::kord::requireTag(name, value);
-    store.setTagBelow(handle->path, name, value);
+    store.setTagBelow(call.state().path, name, value);
     return 0;
   });
 }
 
 extern "C" int kord_bulk_deltag(kord_bulk_t* handle, const char* name) {
   return guarded([&] {
-    Store& store = zibd::kord::selected(handle);
+    zibd::kord::HandleCall call(handle);
+    Store& store = call.selected();
     zibd::kord::requireArgument(name, "name");
-    return store.deleteTag(handle->path, name) ? 0 : zibd::kord::notFound("no tag ", name);
+    return store.deleteTag(call.state().path, name) ? 0 : zibd::kord::notFound("no tag ", name);
   });
 }
 
 extern "C" int kord_bulk_commit(kord_bulk_t* handle) {
   return guarded([&] {
-    zibd::kord::requireArgument(handle, "handle");
-    if (handle->store) handle->store->commit();
+    zibd::kord::HandleCall call(handle);
+    zibd::kord::HandleState& state = call.state();
+    if (!state.lost.empty()) {
+      std::string lost = std::move(state.lost);
+      state.lost.clear();
+      fail(Status::kFailed, "grouped commits were lost: " + lost);
+    }
+    if (!state.store) return 0;
+    const int before = state.store->groupCommits();
+    const auto now = zibd::kord::Clock::now();
+    const bool flush = state.flush_requested || before + 1 >= zibd::kord::kGroupCommits ||
+                       (before > 0 && now >= state.group_deadline);
+    bool open;
+    try {
+      open = state.store->commit(!flush);
+    } catch (...) {
+      if (before > 0) library().groups().closed(&state);
+      throw;
+    }
+    if (open && before == 0) {
+      state.group_deadline = now + zibd::kord::kGroupWindow;
+      library().groups().opened(handle->state, state.group_deadline);
+    } else if (!open) {
+      state.flush_requested = false;
+      if (before > 0) library().groups().closed(&state);
+    }
     return 0;
   });
 }
 
 extern "C" void kord_bulk_fini(kord_bulk_t* handle) {
-  delete handle;  // ~Store rolls back what was not committed
+  if (!handle) return;
+  zibd::kord::HandleState& state = *handle->state;
+  {
+    std::lock_guard lock(state.mutex);
+    if (state.store) {
+      // What was committed is written; what was not is discarded.
+      try {
+        state.store->flushGroup(false);
+      } catch (...) {
+        zibd::kord::recordException();
+      }
+      state.store.reset();
+    }
+  }
+  library().groups().closed(&state);
+  delete handle;
 }
 
 extern "C" int kord_move(const char* old_path, const char* new_path) {

@@ -1,8 +1,15 @@
 #include "host/kord/store.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <optional>
 
@@ -21,11 +28,17 @@ constexpr std::size_t kMaxViewName = 255;  // NAME_MAX: the name is a directory 
 // How far the rows of one condition term are counted to find the most
 // selective term; a view holds at most 100 files.
 constexpr std::int64_t kProbeLimit = 1000;
+// How often a committing process checks that the creators of the views it
+// keeps up to date still run (seconds).
+constexpr std::int64_t kCreatorCheckInterval = 1;
 
 // The statements of a Store, prepared once per connection.
 enum Sql : int {
   kBegin,
   kCommit,
+  kSavepoint,
+  kRelease,
+  kRollbackTo,
   kFindFile,
   kInsertFile,
   kGetTag,
@@ -48,6 +61,7 @@ enum Sql : int {
   kViewGet,
   kViewSetCondition,
   kViewDelete,
+  kViewCreators,
   kCountValues,
   kIndexedTag,
   kAddIndexedTag,
@@ -62,6 +76,9 @@ enum Sql : int {
 constexpr const char* kSqlText[] = {
     "BEGIN IMMEDIATE",
     "COMMIT",
+    "SAVEPOINT grouped",
+    "RELEASE grouped",
+    "ROLLBACK TO grouped",
     "SELECT id FROM files WHERE path = ?1",
     "INSERT INTO files(path) VALUES(?1) ON CONFLICT(path) DO NOTHING",
     "SELECT t.value FROM files f LEFT JOIN tags t ON t.file = f.id AND t.name = CAST(?2 AS TEXT)"
@@ -84,11 +101,15 @@ constexpr const char* kSqlText[] = {
     "DELETE FROM files WHERE id = ?1 AND path = ?2",
     "DELETE FROM tags WHERE file = ?1",
     "UPDATE files SET path = ?2 WHERE id = ?1",
-    "SELECT name, condition, dir FROM views WHERE condition IS NOT NULL",
-    "INSERT INTO views(name, condition, dir) VALUES(?1, NULL, ?2) ON CONFLICT(name) DO NOTHING",
+    "SELECT name, condition, dir, creator_pid, creator_start FROM views"
+    " WHERE condition IS NOT NULL",
+    "INSERT INTO views(name, condition, dir, creator_pid, creator_start) VALUES(?1, NULL, ?2, ?3, ?4)"
+    " ON CONFLICT(name) DO UPDATE SET creator_pid = excluded.creator_pid,"
+    " creator_start = excluded.creator_start",
     "SELECT condition, dir FROM views WHERE name = ?1",
     "UPDATE views SET condition = ?2 WHERE name = ?1",
     "DELETE FROM views WHERE name = ?1",
+    "SELECT name, dir, creator_pid, creator_start FROM views WHERE creator_pid IS NOT NULL",
     "SELECT value, count(*) FROM tags WHERE name = CAST(?1 AS TEXT) GROUP BY value ORDER BY value",
     "SELECT id FROM indexed_tags WHERE name = ?1",
     "INSERT INTO indexed_tags(name) VALUES(?1)",
@@ -109,6 +130,42 @@ Query& bindSubtree(Query& q, const Subtree& s) {
 }
 
 }  // namespace
+
+std::int64_t processStart(std::int64_t pid) {
+  // Field 22 of /proc/PID/stat, counted after the command's closing
+  // parenthesis (the command may hold spaces and parentheses itself).
+  char path[48];
+  std::snprintf(path, sizeof path, "/proc/%lld/stat", static_cast<long long>(pid));
+  std::FILE* file = std::fopen(path, "re");
+  if (!file) return 0;
+  char text[1024];
+  std::size_t n = std::fread(text, 1, sizeof text - 1, file);
+  std::fclose(file);
+  text[n] = '\0';
+  const char* p = std::strrchr(text, ')');
+  if (!p) return 0;
+  ++p;
+  for (int field = 3; field < 22; ++field) {
+    p = std::strchr(p + 1, ' ');
+    if (!p) return 0;
+  }
+  long long start = 0;
+  return std::sscanf(p, " %lld", &start) == 1 ? static_cast<std::int64_t>(start) : 0;
+}
+
+std::pair<std::int64_t, std::int64_t> processIdentity() {
+  const std::int64_t pid = ::getpid();
+  return {pid, processStart(pid)};
+}
+
+bool processAlive(std::int64_t pid, std::int64_t start) {
+  if (pid <= 0 || pid > INT32_MAX) return true;  // not ours to judge
+  if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return false;
+  // The number may have been given to another process since.
+  if (start == 0) return true;
+  const std::int64_t now = processStart(pid);
+  return now == 0 || now == start;
+}
 
 bool isValidViewName(std::string_view name) {
   return !name.empty() && name.size() <= kMaxViewName && name != "." && name != ".." &&
@@ -138,6 +195,12 @@ Store::Store(std::shared_ptr<const Location> location)
   if (version < kSchemaVersion) {
     connection_.exec("BEGIN IMMEDIATE");
     try {
+      // Version 1 had views without their creator; they are kept, unjudged.
+      if (version == 1) {
+        connection_.exec(
+            "ALTER TABLE views ADD COLUMN creator_pid INTEGER;"
+            "ALTER TABLE views ADD COLUMN creator_start INTEGER;");
+      }
       connection_.exec(kSchemaSql);
       connection_.exec("PRAGMA user_version=" + std::to_string(kSchemaVersion));
       connection_.exec("COMMIT");
@@ -271,7 +334,13 @@ std::vector<std::pair<std::string, std::uint64_t>> Store::countValues(std::strin
 
 void Store::begin() {
   if (in_transaction_) {
-    if (!::sqlite3_get_autocommit(connection_.get())) return;
+    if (!::sqlite3_get_autocommit(connection_.get())) {
+      if (group_commits_ > 0 && !savepoint_) {
+        Query(statement(kSavepoint)).run();
+        savepoint_ = true;
+      }
+      return;
+    }
     // SQLite rolled the transaction back after an error (disk full, I/O).
     clearTransaction();
     fail(Status::kFailed, "earlier uncommitted changes were lost after an error");
@@ -287,6 +356,9 @@ void Store::clearTransaction() noexcept {
   touched_files_.clear();
   touched_below_.clear();
   changed_names_.clear();
+  group_commits_ = 0;
+  savepoint_ = false;
+  changes_after_group_.clear();
 }
 
 void Store::commitTransaction() {
@@ -327,10 +399,15 @@ void Store::noteChange(std::int64_t file, std::string_view name) {
     changed_names_.emplace_back(name);
 }
 
-void Store::setTag(std::string_view path, std::string_view name, std::string_view value) {
+void Store::writeTag(std::string_view path, std::string_view name, std::string_view value) {
   std::int64_t id = fileForWrite(path);
   Query(statement(kSetTag)).bind(1, id).bind(2, name).bind(3, value).run();
   noteChange(id, name);
+}
+
+void Store::setTag(std::string_view path, std::string_view name, std::string_view value) {
+  writeTag(path, name, value);
+  noteForGroup(Change::kSet, path, name, value);
 }
 
 bool Store::deleteTag(std::string_view path, std::string_view name) {
@@ -340,34 +417,98 @@ bool Store::deleteTag(std::string_view path, std::string_view name) {
   Query(statement(kDeleteTag)).bind(1, id).bind(2, name).run();
   if (::sqlite3_changes(connection_.get()) == 0) return false;
   noteChange(id, name);
+  noteForGroup(Change::kDelete, path, name, {});
   return true;
 }
 
 void Store::setTagBelow(std::string_view path, std::string_view name, std::string_view value) {
-  setTag(path, name, value);
+  writeTag(path, name, value);
   Subtree s(path);
   Query(statement(kSetTagBelow)).bind(1, name).bind(2, value).bind(3, s.low).bind(4, s.high).run();
   touched_below_.emplace_back(path);
+  noteForGroup(Change::kSetBelow, path, name, value);
 }
 
-void Store::commit() {
-  if (!in_transaction_) return;
+bool Store::commit(bool may_group) {
+  if (!in_transaction_) return false;
   try {
     if (::sqlite3_get_autocommit(connection_.get()))
-      fail(Status::kFailed, "uncommitted changes were lost after an error");
-    updateViews();
+      fail(Status::kFailed, group_commits_ > 0
+                                ? "grouped commits and later changes were lost after an error"
+                                : "uncommitted changes were lost after an error");
+    if (changedSinceCommit()) {
+      updateViews();
+      if (savepoint_) {
+        Query(statement(kRelease)).run();
+        savepoint_ = false;
+        changes_after_group_.clear();
+      }
+      touched_files_.clear();
+      touched_below_.clear();
+      changed_names_.clear();
+      ++group_commits_;
+    }
+    if (may_group) return true;
     commitTransaction();
+    return false;
   } catch (...) {
     rollback();
     throw;
   }
 }
 
+void Store::flushGroup(bool keep_changes) {
+  if (!in_transaction_) return;
+  if (group_commits_ == 0) {
+    if (!keep_changes) rollback();
+    return;
+  }
+  std::vector<Change> changes;
+  try {
+    if (::sqlite3_get_autocommit(connection_.get()))
+      fail(Status::kFailed, "grouped commits were lost after an error");
+    if (savepoint_) {
+      // The half-made changes after the group's last commit are not the
+      // group's.
+      Query(statement(kRollbackTo)).run();
+      Query(statement(kRelease)).run();
+      savepoint_ = false;
+      changes = std::move(changes_after_group_);
+    }
+    commitTransaction();
+  } catch (...) {
+    rollback();
+    throw;
+  }
+  if (!keep_changes) return;
+  for (const Change& c : changes) {
+    switch (c.kind) {
+      case Change::kSet:
+        writeTag(c.path, c.name, c.value);
+        break;
+      case Change::kDelete:
+        (void)deleteTag(c.path, c.name);
+        break;
+      case Change::kSetBelow:
+        setTagBelow(c.path, c.name, c.value);
+        break;
+    }
+  }
+}
+
+void Store::noteForGroup(Change::Kind kind, std::string_view path, std::string_view name,
+                         std::string_view value) {
+  if (savepoint_)
+    changes_after_group_.push_back(
+        {kind, std::string(path), std::string(name), std::string(value)});
+}
+
 const std::vector<Store::View>& Store::loadViews() {
   std::vector<View> views;
   Query q(statement(kViews));
   while (q.next()) {
-    View v{std::string(q.text(0)), std::string(q.text(2)), std::string(q.text(1)), {}};
+    View v{std::string(q.text(0)), std::string(q.text(2)), std::string(q.text(1)), {},
+           q.isNull(3) ? 0 : q.integer(3), q.isNull(4) ? 0 : q.integer(4)};
     auto cached = std::find_if(views_.begin(), views_.end(), [&](const View& c) {
       return c.name == v.name && c.text == v.text && c.dir == v.dir;
     });
@@ -386,8 +527,34 @@ const std::vector<Store::View>& Store::loadViews() {
   return views_;
 }
 
+void Store::dropOrphanViews(bool now) {
+  struct timespec ts {};
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  const std::int64_t seconds = static_cast<std::int64_t>(ts.tv_sec);
+  if (!now && seconds - last_orphan_check_ < kCreatorCheckInterval) return;
+  last_orphan_check_ = seconds;
+  std::vector<std::pair<std::string, std::string>> orphans;  // name, directory
+  {
+    Query q(statement(kViewCreators));
+    while (q.next()) {
+      if (!processAlive(q.integer(2), q.isNull(3) ? 0 : q.integer(3)))
+        orphans.emplace_back(q.text(0), q.text(1));
+    }
+  }
+  for (const auto& [name, dir] : orphans) {
+    Query(statement(kViewDelete)).bind(1, name).run();
+    // A directory that cannot go (someone put a file in it) is left, as
+    // kord_view_delete would; the record is gone all the same.
+    try {
+      removeViewDirectory(dir);
+    } catch (const Failure&) {
+    }
+  }
+}
+
 void Store::updateViews() {
   if (changed_names_.empty()) return;
+  dropOrphanViews(false);
   std::vector<const View*> affected;
   for (const View& v : loadViews()) {
     if (std::any_of(changed_names_.begin(), changed_names_.end(),
@@ -530,11 +697,13 @@ std::string Store::reconcileView(std::string_view name) {
 void Store::createView(std::string_view name) {
   if (!isValidViewName(name)) fail(Status::kBadArgument, "bad view name");
   std::string dir = location_->views_root + '/' + std::string(name);
+  const auto [pid, start] = processIdentity();
   begin();
   try {
+    dropOrphanViews(true);
     // An existing view of that name (say, left by a process that died) is
-    // taken over as it is.
-    Query(statement(kViewInsert)).bind(1, name).bind(2, dir).run();
+    // taken over as it is, and belongs to this process from now on.
+    Query(statement(kViewInsert)).bind(1, name).bind(2, dir).bind(3, pid).bind(4, start).run();
     reconcileView(name);
     commitTransaction();
   } catch (...) {

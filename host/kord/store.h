@@ -13,6 +13,18 @@
 // Tag values are indexed only for the names that view conditions compare
 // with a value: every index costs each commit that touches such a tag another
 // page written, and the scanner commits once per file.
+//
+// Grouped commits: commit(true) may leave the handle's changes in the open
+// SQLite transaction (a group) instead of committing it; the view links follow
+// at once all the same. The next write after such a commit opens a savepoint,
+// so that flushGroup() can drop a half-made file's changes and commit only
+// what commit() was called for. The library decides when a group ends
+// (kord.cpp).
+//
+// Each view records the process that created it (pid and start time); a view
+// whose creator is gone is deleted by the next process that creates a view
+// or commits while it is loaded, so that views left by a killed daemon stop
+// costing every later commit.
 #pragma once
 
 #include <array>
@@ -30,13 +42,13 @@
 namespace zibd::kord {
 
 // The schema, also used by the benchmark to load rows directly.
-inline constexpr int kSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 2;
 inline constexpr const char* kSchemaSql =
     "CREATE TABLE IF NOT EXISTS files(id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE);"
     "CREATE TABLE IF NOT EXISTS tags(file INTEGER NOT NULL, name TEXT NOT NULL,"
     " value TEXT NOT NULL, PRIMARY KEY(file, name)) WITHOUT ROWID;"
     "CREATE TABLE IF NOT EXISTS views(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE,"
-    " condition TEXT, dir TEXT NOT NULL);"
+    " condition TEXT, dir TEXT NOT NULL, creator_pid INTEGER, creator_start INTEGER);"
     "CREATE TABLE IF NOT EXISTS indexed_tags(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);";
 
 using TagList = std::vector<std::pair<std::string, std::string>>;
@@ -71,8 +83,18 @@ class Store {
   bool deleteTag(std::string_view path, std::string_view name);  // false: no such tag
   void setTagBelow(std::string_view path, std::string_view name, std::string_view value);
   // Brings the view directories in line with the changes and commits; a
-  // no-op without changes.
-  void commit();
+  // no-op without changes. With may_group the SQLite transaction may stay
+  // open as a group of commits; returns whether a group is open afterwards.
+  bool commit(bool may_group);
+  // The number of commits in the open group (0: none).
+  int groupCommits() const { return group_commits_; }
+  // Whether changes were made since the last commit().
+  bool changedSinceCommit() const { return in_transaction_ && (group_commits_ == 0 || savepoint_); }
+  // Ends the open group: the committed changes are written. Changes made
+  // since the last commit() are dropped, or with keep_changes made again in a
+  // new transaction (taking the write lock again). Without a group, rolls
+  // back (or, with keep_changes, does nothing).
+  void flushGroup(bool keep_changes);
   void rollback() noexcept;
 
   // Operations that are each one transaction; not while a handle transaction
@@ -93,6 +115,8 @@ class Store {
     std::string dir;
     std::string text;
     Condition condition;
+    std::int64_t creator_pid;
+    std::int64_t creator_start;
   };
 
   const Statement& statement(int id);  // prepared on first use
@@ -100,6 +124,9 @@ class Store {
   void commitTransaction();
   std::int64_t fileForWrite(std::string_view path);
   const std::vector<View>& loadViews();
+  // Deletes the views whose creating process is gone; inside a write
+  // transaction. Only every kCreatorCheckInterval unless `now`.
+  void dropOrphanViews(bool now);
   void updateViews();
   void unlinkBelow(std::string_view path, const std::vector<View>& views);
   void deleteBelow(std::string_view path, const std::vector<View>& views);
@@ -110,11 +137,24 @@ class Store {
   void ensureIndexed(std::string_view tag);  // inside a write transaction
   void noteChange(std::int64_t file, std::string_view name);
   void clearTransaction() noexcept;
+  void writeTag(std::string_view path, std::string_view name, std::string_view value);
+
+  // A change made after the group's last commit, kept so that the group can
+  // be written without it and the change made again.
+  struct Change {
+    enum Kind { kSet, kDelete, kSetBelow } kind;
+    std::string path;
+    std::string name;
+    std::string value;
+  };
+  void noteForGroup(Change::Kind kind, std::string_view path, std::string_view name,
+                    std::string_view value);
 
   std::shared_ptr<const Location> location_;
   Connection connection_;
   std::array<std::unique_ptr<Statement>, 32> statements_;
   std::vector<View> views_;  // cache of loadViews()
+  std::int64_t last_orphan_check_ = 0;  // CLOCK_MONOTONIC seconds
 
   // State of the open write transaction.
   bool in_transaction_ = false;
@@ -124,7 +164,16 @@ class Store {
   std::vector<std::string> touched_below_;  // setTagBelow() paths
   std::vector<std::string> changed_names_;
   std::string unknown_path_;  // the last path getTag found no file for
+  int group_commits_ = 0;     // commits kept in the open transaction
+  bool savepoint_ = false;    // a savepoint marks the end of the group's last commit
+  std::vector<Change> changes_after_group_;
 };
+
+// The calling process's identity as views record it: its pid and its start
+// time (clock ticks after boot, 0 when unknown).
+std::pair<std::int64_t, std::int64_t> processIdentity();
+// Whether the process that recorded (pid, start) is still running.
+bool processAlive(std::int64_t pid, std::int64_t start);
 
 // Checks a view name: it becomes a directory name.
 bool isValidViewName(std::string_view name);

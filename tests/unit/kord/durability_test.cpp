@@ -1,10 +1,18 @@
-// A committed tag survives the death of the process that committed it.
+// What kord_bulk_commit promises when the committing process is killed: a
+// commit survives once its group was written (the window passed, or fini or
+// a view operation followed it); the others are lost whole, never half a
+// file's tags; the database stays sound.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 #include "common/file_descriptor.h"
+#include "tests/support/wait_for.h"
 #include "tests/unit/kord/kord_fixture.h"
 
 namespace zibd::test {
@@ -12,54 +20,143 @@ namespace {
 
 constexpr int kCommittedFiles = 100;
 
-class KordDurabilityTest : public KordTest {};
-
-// In the child: commits kCommittedFiles files one by one, the way the scanner
-// does, then leaves one more change uncommitted. true when all went through.
-bool tagThenHoldUncommitted(const std::string& base) {
-  kord_bulk_t* h = kord_bulk_init();
-  if (!h) return false;
-  for (int i = 0; i < kCommittedFiles; ++i) {
-    std::string path = base + "/f" + std::to_string(i) + ".mp4";
-    if (kord_bulk_setpath(h, path.c_str()) != 0 || kord_bulk_settag(h, ".s.tbp", "1") != 0 ||
-        kord_bulk_settag(h, ".s.batchidx", std::to_string(i).c_str()) != 0 ||
-        kord_bulk_commit(h) != 0)
-      return false;
+class KordDurabilityTest : public KordTest {
+ protected:
+  // Runs body in a forked child that reports on `report`, and gives its pid.
+  template <typename Body>
+  pid_t spawn(Pipe& report, Body body) {
+    EXPECT_EQ(report.open(), 0);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+      report.read_end.reset();
+      body(report.write_end.get());
+      for (;;) ::pause();  // killed here
+    }
+    report.write_end.reset();
+    return pid;
   }
-  std::string pending = base + "/uncommitted.mp4";
-  return kord_bulk_setpath(h, pending.c_str()) == 0 && kord_bulk_settag(h, ".s.tbp", "1") == 0;
+
+  static void killAndReap(pid_t pid) {
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  }
+
+  // PRAGMA integrity_check through a connection of our own.
+  std::string integrity() const {
+    sqlite3* db = nullptr;
+    std::string result = "cannot open";
+    if (::sqlite3_open_v2(database().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+      sqlite3_stmt* stmt = nullptr;
+      if (::sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &stmt, nullptr) == SQLITE_OK &&
+          ::sqlite3_step(stmt) == SQLITE_ROW)
+        result = reinterpret_cast<const char*>(::sqlite3_column_text(stmt, 0));
+      ::sqlite3_finalize(stmt);
+    }
+    ::sqlite3_close(db);
+    return result;
+  }
+
+  static std::string fileAt(const std::string& base, int i) {
+    return base + "/f" + std::to_string(i) + ".mkv";
+  }
+};
+
+void report(int fd, char byte) {
+  if (::write(fd, &byte, 1) != 1) ::_exit(1);
 }
 
-TEST_F(KordDurabilityTest, CommittedTagsSurviveKillOfTheCommittingProcess) {
+// One file the way the scanner tags a new one.
+bool tagFile(kord_bulk_t* h, const std::string& path, int i) {
+  const std::string index = std::to_string(i);
+  return kord_bulk_setpath(h, path.c_str()) == 0 && kord_bulk_settag(h, ".s.hash", index.c_str()) == 0 &&
+         kord_bulk_settag(h, ".s.invisible", "0") == 0 && kord_bulk_settag(h, ".s.tbp", "1") == 0 &&
+         kord_bulk_settag(h, ".s.filetype", "STDVIDEO") == 0 &&
+         kord_bulk_settag(h, ".s.batchidx", index.c_str()) == 0 && kord_bulk_commit(h) == 0;
+}
+
+// A group left alone is written once its window has passed, without any
+// further call; the change the handle made after its last commit is not.
+TEST_F(KordDurabilityTest, AnIdleGroupIsWrittenWithoutTheChangesAfterItsLastCommit) {
   configure();
   const std::string base = at("p1/Media");
-  Pipe ready;
-  ASSERT_EQ(ready.open(), 0);
-  pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    ready.read_end.reset();
-    char byte = tagThenHoldUncommitted(base) ? '1' : '0';
-    if (::write(ready.write_end.get(), &byte, 1) != 1) ::_exit(1);
-    for (;;) ::pause();  // killed here, holding the write lock of an open transaction
-  }
-  ready.write_end.reset();
+  Pipe pipe;
+  pid_t pid = spawn(pipe, [&](int fd) {
+    kord_bulk_t* h = kord_bulk_init();
+    bool ok = h != nullptr;
+    for (int i = 0; ok && i < kCommittedFiles; ++i) ok = tagFile(h, fileAt(base, i), i);
+    std::string pending = base + "/uncommitted.mkv";
+    ok = ok && kord_bulk_setpath(h, pending.c_str()) == 0 && kord_bulk_settag(h, ".s.tbp", "1") == 0;
+    report(fd, ok ? '1' : '0');
+  });
+  ASSERT_GT(pid, 0);
   char byte = 0;
-  ASSERT_EQ(::read(ready.read_end.get(), &byte, 1), 1);
-  ASSERT_EQ(::kill(pid, SIGKILL), 0);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_EQ(::read(pipe.read_end.get(), &byte, 1), 1);
+  const bool written = waitFor([&] { return files().size() == kCommittedFiles; });
+  killAndReap(pid);
   ASSERT_EQ(byte, '1') << "the child could not tag";
-  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_TRUE(written) << files().size() << " files visible while the child was idle";
 
-  std::vector<std::string> paths = files();
-  EXPECT_EQ(paths.size(), static_cast<std::size_t>(kCommittedFiles));
-  EXPECT_EQ(tagsOf(base + "/f0.mp4"), ".s.batchidx=0 .s.tbp=1");
-  EXPECT_EQ(tagsOf(base + "/f99.mp4"), ".s.batchidx=99 .s.tbp=1");
-  EXPECT_EQ(tagsOf(base + "/uncommitted.mp4"), "unknown");
+  EXPECT_EQ(files().size(), static_cast<std::size_t>(kCommittedFiles));
+  EXPECT_EQ(tagsOf(fileAt(base, 99)),
+            ".s.batchidx=99 .s.filetype=STDVIDEO .s.hash=99 .s.invisible=0 .s.tbp=1");
+  EXPECT_EQ(tagsOf(base + "/uncommitted.mkv"), "unknown");
+  EXPECT_EQ(integrity(), "ok");
   // The killed writer's lock is gone: writing works at once.
-  tag(base + "/after.mp4", {{".s.tbp", "1"}});
-  EXPECT_EQ(tagsOf(base + "/after.mp4"), ".s.tbp=1");
+  tag(base + "/after.mkv", {{".s.tbp", "1"}});
+  EXPECT_EQ(tagsOf(base + "/after.mkv"), ".s.tbp=1");
+}
+
+// A writer killed in the middle of a stream of commits: what came before a
+// fini or a view operation survives, the files that survive are the first
+// ones in commit order with all their tags, and the database is sound.
+TEST_F(KordDurabilityTest, AKillMidStreamLosesWholeFilesAfterTheLastWrittenGroup) {
+  configure();
+  const std::string base = at("p1/Media");
+  constexpr int kBetweenMarks = 300;
+  Pipe pipe;
+  pid_t pid = spawn(pipe, [&](int fd) {
+    kord_bulk_t* h = kord_bulk_init();
+    for (int i = 0; h; ++i) {
+      if (!tagFile(h, fileAt(base, i), i)) break;
+      if ((i + 1) % kBetweenMarks != 0) continue;
+      // Every mark ends the group, one way or the other.
+      bool marked;
+      if ((i + 1) / kBetweenMarks % 2 != 0) {
+        kord_bulk_fini(h);
+        h = kord_bulk_init();
+        marked = h != nullptr;
+      } else {
+        marked = kord_view_create("mark") == 0;
+      }
+      report(fd, marked ? 'm' : '0');
+    }
+    report(fd, '0');
+  });
+  ASSERT_GT(pid, 0);
+  int marks = 0;
+  char byte = 0;
+  while (marks < 4 && ::read(pipe.read_end.get(), &byte, 1) == 1 && byte == 'm') ++marks;
+  killAndReap(pid);
+  ASSERT_EQ(marks, 4) << "the child failed to tag";
+
+  EXPECT_EQ(integrity(), "ok");
+  const std::vector<std::string> known = files();
+  std::size_t survivors = 0;
+  while (!tagsOf(fileAt(base, static_cast<int>(survivors))).starts_with("unknown")) ++survivors;
+  EXPECT_GE(survivors, static_cast<std::size_t>(4 * kBetweenMarks));
+  EXPECT_EQ(known.size(), survivors) << "the files that survived are not the first ones";
+  for (std::size_t i = 0; i < survivors; ++i) {
+    const std::string n = std::to_string(i);
+    ASSERT_EQ(tagsOf(fileAt(base, static_cast<int>(i))),
+              ".s.batchidx=" + n + " .s.filetype=STDVIDEO .s.hash=" + n + " .s.invisible=0 .s.tbp=1")
+        << "file " << i << " of " << survivors;
+  }
+  // Reopened and written by another process (this one) at once.
+  tag(base + "/after.mkv", {{".s.tbp", "1"}});
+  EXPECT_EQ(tagsOf(base + "/after.mkv"), ".s.tbp=1");
+  EXPECT_EQ(integrity(), "ok");
 }
 
 }  // namespace
