@@ -75,8 +75,8 @@ check "the broker is a program of this host" test "$(elfMachine "$rilld")" = "$(
 
 uuid=5e1f-0a2b
 part=/var/uuidmount/$uuid
-films=$part/Media/Films
-mkdir -p "$films" "$part/Other"
+films=$part/Media/Films kept=$part/Media/Kept
+mkdir -p "$films" "$kept" "$part/Other"
 printf 'an old film' >"$films/before.mkv"
 
 cat >/tmp/profile.sh <<'EOF'
@@ -145,6 +145,7 @@ watching() {
   return 1
 }
 check "the films directory is watched" waitUntil 30 watching "$films"
+check "the directory moved to is watched" waitUntil 30 watching "$kept"
 
 # The first scans over ("Ready" published), so that what follows is the new
 # file's own work.
@@ -220,6 +221,17 @@ profilingThenReady() {
   [[ $since =~ (^|\ )Profiling\ (.*\ )?Ready\ $ ]]
 }
 check "ProfilingStatus went Profiling, then Ready" waitUntil 10 profilingThenReady
+
+# A move to another watched directory under the same name: its two events,
+# from two watches and paired by their cookie, move the tags at once, hash and
+# mark included, without a new scan. (A changed name is a delete and a new
+# file instead.)
+before_move=$(tags "$new")
+moved=$kept/${new##*/}
+mv "$new" "$moved"
+tagsAre() { test "$(tags "$1")" = "$2"; }
+check "a move to another directory takes the tags along at once" waitUntil 10 tagsAre "$moved" "$before_move"
+check "no tags are left under the old path" test -z "$(tags "$new")"
 
 trap - EXIT
 kill -TERM "$zibd"
