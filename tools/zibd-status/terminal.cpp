@@ -3,7 +3,10 @@
 #include <errno.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <string.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "tools/zibd-status/render.h"
 
@@ -11,20 +14,41 @@ namespace zibd::status {
 
 namespace {
 
-// The write end of the signal pipe, for the handler (which has no context).
+constexpr const char* kEnter = "\x1b[?1049h\x1b[?25l\x1b[H\x1b[2J";  // alternate screen, cursor hidden
+constexpr const char* kLeave = "\x1b[?25h\x1b[?1049l";               // cursor shown, normal screen
+
+// Global because the signal handler has no context: the write end of the
+// signal pipe, and what it takes to give the terminal back when the main
+// loop does not come round to it (a bus or terminal write that does not
+// return): a second Ctrl-C then restores the terminal and exits at once.
 int g_signal_write = -1;
+std::atomic<int> g_quits{0};
+static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
+struct Emergency {
+  int in = -1;
+  int out = -1;
+  bool have_saved = false;
+  termios saved{};
+  volatile sig_atomic_t entered = 0;  // written last, read first
+};
+Emergency g_emergency;
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP};
 
 void onSignal(int sig) {
   const int saved = errno;
+  if ((sig == SIGINT || sig == SIGTERM || sig == SIGHUP) && g_quits.fetch_add(1) + 1 >= 2) {
+    // Only async-signal-safe calls from here on.
+    if (g_emergency.entered) {
+      (void)!::write(g_emergency.out, kLeave, ::strlen(kLeave));
+      if (g_emergency.have_saved) ::tcsetattr(g_emergency.in, TCSANOW, &g_emergency.saved);
+    }
+    ::_exit(0);
+  }
   const unsigned char byte = static_cast<unsigned char>(sig);
   if (g_signal_write >= 0) (void)!::write(g_signal_write, &byte, 1);
   errno = saved;
 }
-
-constexpr const char* kEnter = "\x1b[?1049h\x1b[?25l\x1b[H\x1b[2J";  // alternate screen, cursor hidden
-constexpr const char* kLeave = "\x1b[?25h\x1b[?1049l";               // cursor shown, normal screen
 constexpr const char* kHome = "\x1b[H";
 constexpr const char* kClearLine = "\x1b[K";
 constexpr const char* kClearBelow = "\x1b[J";
@@ -87,10 +111,17 @@ void Terminal::enter() {
   }
   write(kEnter);
   entered_ = true;
+  g_emergency.in = in_;
+  g_emergency.out = out_;
+  g_emergency.have_saved = have_saved_;
+  g_emergency.saved = saved_;
+  std::atomic_signal_fence(std::memory_order_release);
+  g_emergency.entered = 1;
 }
 
 void Terminal::leave() {
   if (!entered_) return;
+  g_emergency.entered = 0;
   write(kLeave);
   if (have_saved_) ::tcsetattr(in_, TCSADRAIN, &saved_);
   have_saved_ = false;

@@ -524,5 +524,48 @@ TEST_F(LiveView, EndsCleanlyOnQAndOnSigterm) {
   }
 }
 
+// A broker that stops answering (here: stopped) holds the view in its bus
+// read, where the first Ctrl-C cannot reach the loop; the second ends it
+// from the handler, terminal given back.
+TEST_F(LiveView, ASecondCtrlCEndsItWhileTheBusDoesNotAnswer) {
+  ASSERT_TRUE(readUntil([](const std::string& o) { return o.find("profiling:   Ready") != std::string::npos; }));
+  broker_->signal(SIGSTOP);
+  // Held: no frame for five refresh intervals.
+  auto last_growth = std::chrono::steady_clock::now();
+  std::size_t seen = output_.size();
+  ASSERT_TRUE(readUntil([&](const std::string& o) {
+    if (o.size() != seen) {
+      seen = o.size();
+      last_growth = std::chrono::steady_clock::now();
+    }
+    return std::chrono::steady_clock::now() - last_growth > std::chrono::seconds(1);
+  }));
+  // Pressed again and again, as a person would (two at once would make one
+  // signal).
+  int status_word = 0;
+  int presses = 0;
+  std::optional<int> status;
+  waitFor(
+      [&] {
+        if (::waitpid(pid_, &status_word, WNOHANG) == pid_) {
+          status = status_word;
+          pid_ = -1;
+          return true;
+        }
+        ++presses;
+        return ::write(master_.get(), "\x03", 1) != 1;
+      },
+      std::chrono::seconds(20), std::chrono::milliseconds(200));
+  broker_->signal(SIGCONT);
+  EXPECT_GE(presses, 2);
+  ASSERT_TRUE(status.has_value()) << "still running after two Ctrl-C";
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+  termios after{};
+  ASSERT_EQ(::tcgetattr(slave_.get(), &after), 0);
+  EXPECT_EQ(after.c_lflag, before_.c_lflag);
+  readUntil([](const std::string& o) { return o.ends_with("\x1b[?25h\x1b[?1049l"); });
+  EXPECT_TRUE(output_.ends_with("\x1b[?25h\x1b[?1049l"));
+}
+
 }  // namespace
 }  // namespace zibd::test
