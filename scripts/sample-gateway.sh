@@ -109,7 +109,7 @@ put evening-tide.flac "$family/Media/Music/The Sample Band/First Light/02 Evenin
 put beach.jpg "$family/Media/Pictures/2025/beach.jpg"
 put tower.jpg "$family/Media/Pictures/2025/tower.jpg"
 put drawing.png "$family/Media/Pictures/drawing.png"
-head -c 8192 /dev/urandom >"$family/Media/Movies/damaged.avi"
+head -c 8192 /dev/zero | tr '\0' x >"$family/Media/Movies/damaged.avi"
 mkdir -p "$family/Backup"
 head -c 8192 /dev/urandom >"$family/Backup/laptop-image.mp4"
 put road-trip.ogg "$stick/Music/road-trip.ogg"
@@ -142,9 +142,10 @@ fi
 
 broker=""
 daemon=""
+# Either may have ended already (Ctrl-C reaches the broker too).
 stop_all() {
-  [ -z "$daemon" ] || { kill -TERM "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; }
-  [ -z "$broker" ] || { kill "$broker" 2>/dev/null; wait "$broker" 2>/dev/null || true; }
+  [ -z "$daemon" ] || { kill -TERM "$daemon" 2>/dev/null || true; wait "$daemon" 2>/dev/null || true; }
+  [ -z "$broker" ] || { kill "$broker" 2>/dev/null || true; wait "$broker" 2>/dev/null || true; }
 }
 trap stop_all EXIT
 rilld --model sample/gateway.model &

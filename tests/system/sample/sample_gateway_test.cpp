@@ -1,7 +1,7 @@
 // Runs the sample gateway as the README tells newcomers to (scripts/
 // sample-gateway.sh in the sandbox, here with --fast), lets zibd index and
 // profile the sample disks with the shipped map and profilers, then copies
-// in files with hostile names and files no tool can read, and stops zibd as
+// in a file with a hostile name and one no tool can read, and stops zibd as
 // Ctrl-C would.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -57,17 +57,15 @@ echo
 
 # Hostile names and files the tool cannot read, copied in while zibd runs.
 music="$family/Media/Music"
-names=($'-n\nline\ttab "dq" \'sq\' |pipe $(echo PWNED >&2) `echo PWNED >&2` *?[a].mp3'
-       $'caf\xe9 \xff\xfe not utf-8.mp3'
-       "$(printf 'x%.0s' $(seq 251)).mp3")
+# One name with every kind of trouble; the profilers' own test has more.
+names=($'-n\nline\ttab "dq" \'sq\' |pipe $(echo PWNED >&2) `echo PWNED >&2` *?[a] caf\xe9 \xff.mp3')
 for name in "${names[@]}"; do cp "$ZIBD_SOURCE_DIR/sample/media/morning-light.mp3" "$music/$name"; done
-head -c 3000 /dev/urandom >"$music/noise.mp3"
-: >"$music/empty.flac"
+yes "not a song" | head -c 3000 >"$music/noise.mp3"
 for i in "${!names[@]}"; do
   until_ok 90 "hostile name $i" has_tag "$music/${names[i]}" .s.mdt
   tags_of "hostile $i" "$music/${names[i]}"
 done
-for bad in noise.mp3 empty.flac; do
+for bad in noise.mp3; do
   until_ok 60 "$bad marked" has_tag "$music/$bad" .s.mdt
   tags_of "$bad" "$music/$bad"
 done
@@ -115,11 +113,10 @@ TEST(SampleGatewayTest, IndexesAndProfilesTheSampleDisksAndHostileNames) {
                              "media.date media.datetaken media.duration media.format media.height media.samplerate "
                              "media.title media.videocodec media.width \n"));
 
-  // Every hostile name reached the tool: the song's metadata is on each.
-  for (int i = 0; i < 3; ++i) {
-    const std::string prefix = "hostile " + std::to_string(i) + ": ";
-    const std::size_t at = out.find(prefix);
-    ASSERT_NE(at, std::string::npos) << prefix << out;
+  // The hostile name reached the tool: the song's metadata is on it.
+  {
+    const std::size_t at = out.find("hostile 0: ");
+    ASSERT_NE(at, std::string::npos) << out;
     const std::string line = out.substr(at, out.find('\n', at) - at);
     EXPECT_THAT(line, HasSubstr(",media.title=Morning Light,")) << line;
     EXPECT_THAT(line, HasSubstr(",media.duration=3056,")) << line;
@@ -127,9 +124,9 @@ TEST(SampleGatewayTest, IndexesAndProfilesTheSampleDisksAndHostileNames) {
   // Had a name been run as a command, the profiler's or zibd's standard
   // error (the gateway output) would hold the line.
   EXPECT_THAT(out, Not(::testing::ContainsRegex("(^|\n)PWNED\n")));
-  for (const char* bad : {"noise.mp3: ", "empty.flac: "}) {
-    const std::size_t at = out.find(bad);
-    ASSERT_NE(at, std::string::npos) << bad << out;
+  {
+    const std::size_t at = out.find("noise.mp3: ");
+    ASSERT_NE(at, std::string::npos) << out;
     const std::string line = out.substr(at, out.find('\n', at) - at);
     EXPECT_THAT(line, HasSubstr(".s.mdt=")) << line;
     EXPECT_THAT(line, Not(HasSubstr("media."))) << line;
