@@ -3,10 +3,15 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <signal.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <set>
 
+#include "common/file_descriptor.h"
 #include "tests/unit/kord/kord_fixture.h"
 
 namespace zibd::test {
@@ -234,6 +239,57 @@ TEST_F(KordViewTest, CreateIsIdempotentAndDeleteRemovesTheDirectory) {
 
   for (const char* bad : {"", "a/b", "..", "."}) EXPECT_NE(kord_view_create(bad), 0) << bad;
   EXPECT_NE(kord_view_create(nullptr), 0);
+}
+
+// Views left by a process that is gone (killed during a batch) stop
+// receiving links: the next commit or view operation deletes them. So does a
+// view whose creator's process id now belongs to another process.
+TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneAreDeleted) {
+  pending(at("p1/a.mp4"), "0");
+  Pipe pipe;
+  ASSERT_EQ(pipe.open(), 0);
+  pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    pipe.read_end.reset();
+    char path[kViewPathSize];
+    char ok = kord_view_create("dead") == 0 && kord_view_set_cond("dead", kCondition) == 0 &&
+                      kord_view_get_path("dead", path, sizeof path) != 0
+                  ? '1'
+                  : '0';
+    if (::write(pipe.write_end.get(), &ok, 1) != 1) ::_exit(1);
+    for (;;) ::pause();
+  }
+  pipe.write_end.reset();
+  char ok = 0;
+  ASSERT_EQ(::read(pipe.read_end.get(), &ok, 1), 1);
+  ASSERT_EQ(::kill(pid, SIGKILL), 0);
+  ASSERT_EQ(::waitpid(pid, nullptr, 0), pid);
+  ASSERT_EQ(ok, '1') << "the child could not make its view";
+  const std::string dead_dir = sandbox_ / "views/dead";
+  ASSERT_EQ(linksIn(dead_dir).size(), 1u);
+
+  // The next commit that a view's condition cares about drops it.
+  pending(at("p1/b.mp4"), "0");
+  struct stat st;
+  EXPECT_NE(::lstat(dead_dir.c_str(), &st), 0) << "the dead creator's directory is gone";
+  char path[kViewPathSize];
+  EXPECT_EQ(kord_view_get_path("dead", path, sizeof path), 0) << "and so is its record";
+  const std::string live_dir = makeView("live", kCondition);
+  EXPECT_EQ(linkTargets(live_dir), (std::vector<std::string>{at("p1/a.mp4"), at("p1/b.mp4")}));
+
+  // The live view's creator (this process) as if its pid had been reused:
+  // another start time.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(::sqlite3_open(database().c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(::sqlite3_exec(db, "UPDATE views SET creator_start = creator_start + 1", nullptr,
+                           nullptr, nullptr),
+            SQLITE_OK);
+  ::sqlite3_close(db);
+  makeView("next", kCondition);
+  EXPECT_NE(::lstat(live_dir.c_str(), &st), 0);
+  EXPECT_EQ(kord_view_get_path("live", path, sizeof path), 0);
+  EXPECT_EQ(linksIn(sandbox_ / "views/next").size(), 2u);
 }
 
 }  // namespace
