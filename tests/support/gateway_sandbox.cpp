@@ -1,6 +1,7 @@
 #include "tests/support/gateway_sandbox.h"
 
 #include <cstdlib>
+#include <stdexcept>
 
 namespace zibd::test {
 
@@ -19,7 +20,16 @@ Result runInGatewaySandbox(const std::string& script, std::chrono::milliseconds 
            {"RILLD", rilld},
            {"RILLCTL", rillctl},
            {"FAKETIME_LIB", kFakeTimeLibrary},
+           {"GATEWAY_LIB", std::string(ZIBD_SOURCE_DIR) + "/tests/support/gateway-lib.sh"},
            {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
+  // The tag store's client, for scenarios that read tags (absent from a
+  // build without SQLite).
+  try {
+    const std::string kordctl = binary("kordctl");
+    env.set["KORDCTL"] = kordctl;
+    env.set["ZIBD_SANDBOX_KEEP"] += ":" + dirName(kordctl);
+  } catch (const std::runtime_error&) {
+  }
   // libfaketime is preloaded ahead of AddressSanitizer's runtime in the
   // sanitizer build; the two work together, but ASan refuses to start unless
   // told not to check the order.

@@ -15,8 +15,10 @@ namespace zibd::test {
 extern const char kFakeTimeLibrary[];
 
 // Runs `bash -c script` in a new sandbox. The script finds ZIBD_SOURCE_DIR,
-// ZIBD_PROGRAM, RILLD, RILLCTL and FAKETIME_LIB in its environment, besides
-// `extra`; the sandbox keeps the programs' directories visible.
+// ZIBD_PROGRAM, RILLD, RILLCTL, KORDCTL (when built), FAKETIME_LIB and
+// GATEWAY_LIB (tests/support/gateway-lib.sh, shell helpers to source) in its
+// environment, besides `extra`; the sandbox keeps the programs' directories
+// visible.
 Result runInGatewaySandbox(const std::string& script, std::chrono::milliseconds timeout, Env extra = {});
 
 }  // namespace zibd::test
