@@ -114,7 +114,7 @@ class Groups {
       std::thread([this] { flusherLoop(); }).detach();
       flusher_running_ = true;
     }
-    if (open_.size() == 1) wake_.notify_one();
+    if (open_.size() == 1) wake_->notify_one();
   }
 
   void closed(const HandleState* state) {
@@ -169,7 +169,7 @@ class Groups {
       Clock::duration sleep{};
       {
         std::unique_lock lock(mutex_);
-        while (open_.empty()) wake_.wait(lock);
+        while (open_.empty()) wake_->wait(lock);
         const Clock::time_point now = Clock::now();
         Clock::time_point earliest = Clock::time_point::max();
         for (Entry& e : open_) {
@@ -201,7 +201,9 @@ class Groups {
   static void forkChild();
 
   std::mutex mutex_;
-  std::condition_variable wake_;
+  // Replaced in a forked child, where the parent's flusher still counts as its
+  // waiter.
+  std::unique_ptr<std::condition_variable> wake_ = std::make_unique<std::condition_variable>();
   std::vector<Entry> open_;
   std::atomic<int> count_{0};
   bool flusher_running_ = false;
@@ -250,6 +252,9 @@ void Groups::forkChild() {
   static auto* kept = new std::vector<std::shared_ptr<HandleState>>;
   for (Entry& e : g.open_) kept->push_back(std::move(e.state));
   g.open_.clear();
+  static auto* old_wakes = new std::vector<std::condition_variable*>;
+  old_wakes->push_back(g.wake_.release());  // never touched again
+  g.wake_ = std::make_unique<std::condition_variable>();
   g.count_.store(0);
   g.flusher_running_ = false;
   g.mutex_.unlock();
