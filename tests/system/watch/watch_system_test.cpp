@@ -17,17 +17,14 @@ using ::testing::HasSubstr;
 
 constexpr char kProbe[] = R"sh(
 set -u
-export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
+. "$GATEWAY_LIB"
 mkdir -p /var/uuidmount/aaaa/Media/music /var/uuidmount/aaaa/Media/other
 printf 'mp3:MUSIC:/bin/true:\n' >/tmp/types.ini
-printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk \
-  VFS.MetaDataService.ProfilingStatus=Ready Storage.Disk.1.CapacityInMBytes=1000 Storage.Disk.1.DoUnMount=0 \
-  Storage.Disk.1.Partition.1.MountPoint=/var/uuidmount/aaaa Storage.Disk.1.Partition.1.Status=1 \
-  Storage.Disk.1.Partition.1.FreeSpaceInKBytes=1048576 >/tmp/gateway.model
-"$RILLD" --model /tmp/gateway.model & broker=$!
-for _ in $(seq 100); do [ -S "$RILL_SOCKET" ] && break; sleep 0.05; done
-NO_FAKE_STAT=1 FAKETIME="+0 x10" LD_PRELOAD="$FAKETIME_LIB" "$ZIBD_PROGRAM" -t /tmp/types.ini 2>/tmp/zibd.err &
-zibd=$!
+{ gw_model; gw_disk 1 aaaa 1000; } >/tmp/gateway.model
+gw_start_broker /tmp/gateway.model
+broker=$GW_BROKER
+gw_start_zibd /tmp/types.ini
+zibd=$GW_ZIBD
 "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus OK 60 && echo "chosen"
 # The watcher thread adds the partition's watches on its own: copy until the
 # directory's change event shows that they are in place.
