@@ -101,15 +101,15 @@ constexpr const char* kSqlText[] = {
     "DELETE FROM files WHERE id = ?1 AND path = ?2",
     "DELETE FROM tags WHERE file = ?1",
     "UPDATE files SET path = ?2 WHERE id = ?1",
-    "SELECT name, condition, dir, creator_pid, creator_start FROM views"
+    "SELECT name, condition, dir, creator_pid, creator_boot FROM views"
     " WHERE condition IS NOT NULL",
-    "INSERT INTO views(name, condition, dir, creator_pid, creator_start) VALUES(?1, NULL, ?2, ?3, ?4)"
+    "INSERT INTO views(name, condition, dir, creator_pid, creator_boot) VALUES(?1, NULL, ?2, ?3, ?4)"
     " ON CONFLICT(name) DO UPDATE SET creator_pid = excluded.creator_pid,"
-    " creator_start = excluded.creator_start",
+    " creator_boot = excluded.creator_boot",
     "SELECT condition, dir FROM views WHERE name = ?1",
     "UPDATE views SET condition = ?2 WHERE name = ?1",
     "DELETE FROM views WHERE name = ?1",
-    "SELECT name, dir, creator_pid, creator_start FROM views WHERE creator_pid IS NOT NULL",
+    "SELECT name, dir, creator_pid, creator_boot FROM views WHERE creator_pid IS NOT NULL",
     "SELECT value, count(*) FROM tags WHERE name = CAST(?1 AS TEXT) GROUP BY value ORDER BY value",
     "SELECT id FROM indexed_tags WHERE name = ?1",
     "INSERT INTO indexed_tags(name) VALUES(?1)",
@@ -131,40 +131,46 @@ Query& bindSubtree(Query& q, const Subtree& s) {
 
 }  // namespace
 
-std::int64_t processStart(std::int64_t pid) {
-  // Field 22 of /proc/PID/stat, counted after the command's closing
-  // parenthesis (the command may hold spaces and parentheses itself).
-  char path[48];
-  std::snprintf(path, sizeof path, "/proc/%lld/stat", static_cast<long long>(pid));
-  std::FILE* file = std::fopen(path, "re");
+namespace {
+
+// This boot of the system, as a number (0 when unknown). Read from the kernel
+// and not from /proc/PID: an emulator (qemu-user) answers its own guest's
+// /proc/self questions with invented start times.
+std::int64_t readBootId() {
+  std::FILE* file = std::fopen("/proc/sys/kernel/random/boot_id", "re");
   if (!file) return 0;
-  char text[1024];
-  std::size_t n = std::fread(text, 1, sizeof text - 1, file);
+  char text[64] = {};
+  const bool read = std::fgets(text, sizeof text, file) != nullptr;
   std::fclose(file);
-  text[n] = '\0';
-  const char* p = std::strrchr(text, ')');
-  if (!p) return 0;
-  ++p;
-  for (int field = 3; field < 22; ++field) {
-    p = std::strchr(p + 1, ' ');
-    if (!p) return 0;
+  if (!read) return 0;
+  std::uint64_t id = 0;
+  int digits = 0;
+  for (const char* p = text; *p && digits < 15; ++p) {
+    const char c = *p;
+    int value;
+    if (c >= '0' && c <= '9') value = c - '0';
+    else if (c >= 'a' && c <= 'f') value = c - 'a' + 10;
+    else continue;
+    id = id * 16 + static_cast<std::uint64_t>(value);
+    ++digits;
   }
-  long long start = 0;
-  return std::sscanf(p, " %lld", &start) == 1 ? static_cast<std::int64_t>(start) : 0;
+  return static_cast<std::int64_t>(id);  // 60 bits: always positive
 }
 
-std::pair<std::int64_t, std::int64_t> processIdentity() {
-  const std::int64_t pid = ::getpid();
-  return {pid, processStart(pid)};
+std::int64_t bootId() {
+  static const std::int64_t id = readBootId();
+  return id;
 }
 
-bool processAlive(std::int64_t pid, std::int64_t start) {
+}  // namespace
+
+std::pair<std::int64_t, std::int64_t> processIdentity() { return {::getpid(), bootId()}; }
+
+bool processAlive(std::int64_t pid, std::int64_t boot) {
   if (pid <= 0 || pid > INT32_MAX) return true;  // not ours to judge
-  if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return false;
-  // The number may have been given to another process since.
-  if (start == 0) return true;
-  const std::int64_t now = processStart(pid);
-  return now == 0 || now == start;
+  // Every process of an earlier boot is gone, whatever has its number now.
+  if (boot != 0 && bootId() != 0 && boot != bootId()) return false;
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
 }
 
 bool isValidViewName(std::string_view name) {
@@ -199,7 +205,7 @@ Store::Store(std::shared_ptr<const Location> location)
       if (version == 1) {
         connection_.exec(
             "ALTER TABLE views ADD COLUMN creator_pid INTEGER;"
-            "ALTER TABLE views ADD COLUMN creator_start INTEGER;");
+            "ALTER TABLE views ADD COLUMN creator_boot INTEGER;");
       }
       connection_.exec(kSchemaSql);
       connection_.exec("PRAGMA user_version=" + std::to_string(kSchemaVersion));

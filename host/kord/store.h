@@ -21,7 +21,7 @@
 // what commit() was called for. The library decides when a group ends
 // (kord.cpp).
 //
-// Each view records the process that created it (pid and start time); a view
+// Each view records the process that created it (pid and boot); a view
 // whose creator is gone is deleted by the next process that creates a view
 // or commits while it is loaded, so that views left by a killed daemon stop
 // costing every later commit.
@@ -48,7 +48,7 @@ inline constexpr const char* kSchemaSql =
     "CREATE TABLE IF NOT EXISTS tags(file INTEGER NOT NULL, name TEXT NOT NULL,"
     " value TEXT NOT NULL, PRIMARY KEY(file, name)) WITHOUT ROWID;"
     "CREATE TABLE IF NOT EXISTS views(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE,"
-    " condition TEXT, dir TEXT NOT NULL, creator_pid INTEGER, creator_start INTEGER);"
+    " condition TEXT, dir TEXT NOT NULL, creator_pid INTEGER, creator_boot INTEGER);"
     "CREATE TABLE IF NOT EXISTS indexed_tags(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);";
 
 using TagList = std::vector<std::pair<std::string, std::string>>;
@@ -116,7 +116,7 @@ class Store {
     std::string text;
     Condition condition;
     std::int64_t creator_pid;
-    std::int64_t creator_start;
+    std::int64_t creator_boot;
   };
 
   const Statement& statement(int id);  // prepared on first use
@@ -169,11 +169,12 @@ class Store {
   std::vector<Change> changes_after_group_;
 };
 
-// The calling process's identity as views record it: its pid and its start
-// time (clock ticks after boot, 0 when unknown).
+// The calling process's identity as views record it: its pid and the boot of
+// the system it runs in (0 when unknown).
 std::pair<std::int64_t, std::int64_t> processIdentity();
-// Whether the process that recorded (pid, start) is still running.
-bool processAlive(std::int64_t pid, std::int64_t start);
+// Whether the process that recorded (pid, boot) may still run: false when no
+// process has that id, or the system has been booted since.
+bool processAlive(std::int64_t pid, std::int64_t boot);
 
 // Checks a view name: it becomes a directory name.
 bool isValidViewName(std::string_view name);

@@ -243,8 +243,8 @@ TEST_F(KordViewTest, CreateIsIdempotentAndDeleteRemovesTheDirectory) {
 
 // Views left by a process that is gone (killed during a batch) stop
 // receiving links: the next commit or view operation deletes them. So does a
-// view whose creator's process id now belongs to another process.
-TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneAreDeleted) {
+// view made before the system was last booted.
+TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneOrOfAnEarlierBootAreDeleted) {
   pending(at("p1/a.mp4"), "0");
   Pipe pipe;
   ASSERT_EQ(pipe.open(), 0);
@@ -278,11 +278,11 @@ TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneAreDeleted) {
   const std::string live_dir = makeView("live", kCondition);
   EXPECT_EQ(linkTargets(live_dir), (std::vector<std::string>{at("p1/a.mp4"), at("p1/b.mp4")}));
 
-  // The live view's creator (this process) as if its pid had been reused:
-  // another start time.
+  // The live view's creator (this process) as if it had run before a reboot
+  // and its pid were now another process's.
   sqlite3* db = nullptr;
   ASSERT_EQ(::sqlite3_open(database().c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(::sqlite3_exec(db, "UPDATE views SET creator_start = creator_start + 1", nullptr,
+  ASSERT_EQ(::sqlite3_exec(db, "UPDATE views SET creator_boot = creator_boot + 1", nullptr,
                            nullptr, nullptr),
             SQLITE_OK);
   ::sqlite3_close(db);
