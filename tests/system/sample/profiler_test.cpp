@@ -113,17 +113,6 @@ TEST_F(ProfilerTest, EveryNameReachesTheToolAndAnUnreadableFileBreaksNothing) {
   EXPECT_THAT(log, HasSubstr("batch of audio files done: 6 profiled\n")) << log;
 }
 
-TEST_F(ProfilerTest, PhotosGetTheirDateTakenAndSize) {
-  const std::string beach = add("beach.jpg", "beach.jpg");
-  const std::string drawing = add("drawing.png", "drawing.png");
-  const std::string song = add("morning-light.mp3", "song.mp3");
-  ASSERT_EQ(profile("image", (sandbox_ / "view").c_str()).status, 0);
-  EXPECT_EQ(tags(beach), "media.datetaken=20250704183012,media.format=JPEG,media.height=480,media.width=640,");
-  EXPECT_EQ(tags(drawing), "media.format=PNG,media.height=150,media.width=200,");
-  // The kind only adds the date taken: a song in an image batch keeps its own.
-  EXPECT_THAT(tags(song), HasSubstr("media.title=Morning Light,"));
-}
-
 TEST_F(ProfilerTest, UsageErrorsStoreNothing) {
   add("morning-light.mp3", "song.mp3");
   const std::string view = sandbox_ / "view";
