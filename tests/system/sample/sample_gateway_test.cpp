@@ -51,6 +51,8 @@ tags_of png "$family/Media/Pictures/drawing.png"
 tags_of stick "$stick/Music/road-trip.ogg"
 tags_of damaged "$family/Media/Movies/damaged.avi"
 kordctl files | grep -q Backup && echo "outside the rules: indexed"
+# One map line per type: no profiler run on an emptied view.
+grep " done: 0 profiled" /run/zibd-profilers.log && echo "empty batch run"
 # Tag names: the daemon's own and the profilers' media.* only.
 kordctl -0 files | xargs -0 -n 1 kordctl -0 tags | tr '\0' '\n' | cut -d= -f1 | sort -u | tr '\n' ' '
 echo
@@ -109,6 +111,7 @@ TEST(SampleGatewayTest, IndexesAndProfilesTheSampleDisksAndHostileNames) {
   // A file no tool can read is profiled (".s.mdt") without any metadata.
   EXPECT_THAT(out, ::testing::ContainsRegex("\ndamaged: \\.s\\.hash=[0-9a-f]{16},\\.s\\.invisible=0,\\.s\\.mdt=[0-9]{14},\n"));
   EXPECT_THAT(out, Not(HasSubstr("outside the rules: indexed")));
+  EXPECT_THAT(out, Not(HasSubstr("empty batch run")));
   EXPECT_THAT(out, HasSubstr("\n.s.hash .s.invisible .s.mdt media.album media.artist media.audiocodec media.channels "
                              "media.date media.datetaken media.duration media.format media.height media.samplerate "
                              "media.title media.videocodec media.width \n"));
