@@ -34,8 +34,12 @@ until_ok() {
 has_tag() { kordctl -0 tags "$1" | tr '\0' '\n' | grep -q "^$2"; }
 tags_of() { printf '%s: %s\n' "$1" "$(kordctl -0 tags "$2" | tr '\0' ',')"; }
 
+nice_of_zibd() { ps -o ni= -C zibd | tr -d ' '; }
+zibd_nice_is() { [ "$(nice_of_zibd)" = "$1" ]; }
 until_ok 60 zibd pgrep -x zibd
-echo "nice=$(ps -o ni= -C zibd | tr -d ' ')"
+# zibd lowers its priority early in start-up, not at once.
+until_ok 30 "zibd at nice 10" zibd_nice_is 10
+echo "nice=$(nice_of_zibd)"
 mount | grep -q "on $family type ext4" && echo "family disk: ext4 image"
 grep -q "$family is a tmpfs, not a ext4 image" /tmp/gateway.log && echo "family disk: tmpfs, said on screen"
 
