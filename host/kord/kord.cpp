@@ -29,6 +29,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -54,6 +55,7 @@ struct HandleState {
   std::unique_ptr<Store> store;
   bool flush_requested = false;  // flush at the next commit
   Clock::time_point group_deadline;
+  Clock::time_point ungrouped_until;  // commits are written one by one until then
   std::string lost;  // why a group flushed from outside failed; told at the next commit
 };
 
@@ -72,6 +74,10 @@ namespace {
 // window is written (see docs/kord.md for what survives a kill).
 constexpr auto kGroupWindow = std::chrono::milliseconds(40);
 constexpr int kGroupCommits = 1000;
+// After a group is written the handle commits file by file for a moment, with
+// the write lock free between files, so that another process's writer, which
+// polls for the lock, gets its turn as it did before commits were grouped.
+constexpr auto kUngroupedPause = std::chrono::milliseconds(5);
 
 constexpr std::int64_t kCleanupChunk = 256;  // files checked between two drops
 constexpr const char* kTagToBeProfiled = ".s.tbp";
@@ -85,6 +91,7 @@ thread_local Error t_last_error;
 void flushHandle(HandleState& state) noexcept {
   if (!state.store || state.store->groupCommits() == 0) return;
   state.flush_requested = state.store->changedSinceCommit();
+  state.ungrouped_until = Clock::now() + kUngroupedPause;
   try {
     state.store->flushGroup(true);
   } catch (const std::exception& e) {
@@ -124,6 +131,20 @@ class Groups {
                 open_.end());
     count_.store(static_cast<int>(open_.size()), std::memory_order_release);
   }
+
+  // While a writer of this process waits for the write lock, handles write
+  // every commit at once instead of grouping, so that it gets its turn.
+  class Waiting {
+   public:
+    explicit Waiting(Groups& groups) : groups_(groups) { groups_.waiting_.fetch_add(1); }
+    ~Waiting() { groups_.waiting_.fetch_sub(1); }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+   private:
+    Groups& groups_;
+  };
+  bool writerWaiting() const { return waiting_.load(std::memory_order_relaxed) != 0; }
 
   // Ends every open group but self's, so that what they committed is seen
   // (and their write lock is free). Called holding no handle's mutex.
@@ -206,6 +227,7 @@ class Groups {
   std::unique_ptr<std::condition_variable> wake_ = std::make_unique<std::condition_variable>();
   std::vector<Entry> open_;
   std::atomic<int> count_{0};
+  std::atomic<int> waiting_{0};
   bool flusher_running_ = false;
 };
 
@@ -219,6 +241,7 @@ class Library {
   // shared_mutex_, then (briefly) the Configuration's own mutex.
   template <typename Fn>
   auto withShared(Fn&& fn) {
+    Groups::Waiting waiting(groups_);
     groups_.flushAllBut(nullptr);
     std::lock_guard lock(shared_mutex_);
     std::shared_ptr<const Location> location = configuration_.current();
@@ -339,11 +362,13 @@ std::string_view canonicalPath(const char* path) {
 }
 
 // A call on a handle: the other handles' groups are ended first, then the
-// handle is locked for the call.
+// handle is locked for the call. A call that writes counts as a waiting
+// writer (Groups::Waiting) while it runs.
 class HandleCall {
  public:
-  explicit HandleCall(kord_bulk_t* handle) {
+  explicit HandleCall(kord_bulk_t* handle, bool writes = false) {
     requireArgument(handle, "handle");
+    if (writes) waiting_.emplace(library().groups());
     library().groups().flushAllBut(handle->state.get());
     state_ = handle->state.get();
     lock_ = std::unique_lock(state_->mutex);
@@ -356,6 +381,7 @@ class HandleCall {
   }
 
  private:
+  std::optional<Groups::Waiting> waiting_;  // destroyed after the lock is let go
   HandleState* state_;
   std::unique_lock<std::mutex> lock_;
 };
@@ -475,7 +501,7 @@ extern "C" int kord_bulk_gettag(kord_bulk_t* handle, const char* name, char* val
 
 extern "C" int kord_bulk_settag(kord_bulk_t* handle, const char* name, const char* value) {
   return guarded([&] {
-    zibd::kord::HandleCall call(handle);
+    zibd::kord::HandleCall call(handle, true);
     Store& store = call.selected();
     zibd::kord::requireTag(name, value);
     store.setTag(call.state().path, name, value);
@@ -486,7 +512,7 @@ extern "C" int kord_bulk_settag(kord_bulk_t* handle, const char* name, const cha
 extern "C" int kord_bulk_settag_recursive(kord_bulk_t* handle, const char* name,
                                           const char* value) {
   return guarded([&] {
-    zibd::kord::HandleCall call(handle);
+    zibd::kord::HandleCall call(handle, true);
     Store& store = call.selected();
     zibd::kord::requireTag(name, value);
     store.setTagBelow(call.state().path, name, value);
@@ -496,7 +522,7 @@ extern "C" int kord_bulk_settag_recursive(kord_bulk_t* handle, const char* name,
 
 extern "C" int kord_bulk_deltag(kord_bulk_t* handle, const char* name) {
   return guarded([&] {
-    zibd::kord::HandleCall call(handle);
+    zibd::kord::HandleCall call(handle, true);
     Store& store = call.selected();
     zibd::kord::requireArgument(name, "name");
     return store.deleteTag(call.state().path, name) ? 0 : zibd::kord::notFound("no tag ", name);
@@ -516,7 +542,9 @@ extern "C" int kord_bulk_commit(kord_bulk_t* handle) {
     const int before = state.store->groupCommits();
     const auto now = zibd::kord::Clock::now();
     const bool flush = state.flush_requested || before + 1 >= zibd::kord::kGroupCommits ||
-                       (before > 0 && now >= state.group_deadline);
+                       (before > 0 && now >= state.group_deadline) ||
+                       (before == 0 && now < state.ungrouped_until) ||
+                       library().groups().writerWaiting();
     bool open;
     try {
       open = state.store->commit(!flush);
@@ -529,7 +557,10 @@ extern "C" int kord_bulk_commit(kord_bulk_t* handle) {
       library().groups().opened(handle->state, state.group_deadline);
     } else if (!open) {
       state.flush_requested = false;
-      if (before > 0) library().groups().closed(&state);
+      if (before > 0) {
+        state.ungrouped_until = now + zibd::kord::kUngroupedPause;
+        library().groups().closed(&state);
+      }
     }
     return 0;
   });

@@ -2,6 +2,7 @@
 // commit survives once its group was written (the window passed, or fini or
 // a view operation followed it); the others are lost whole, never half a
 // file's tags; the database stays sound.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -19,18 +20,44 @@ namespace zibd::test {
 namespace {
 
 constexpr int kCommittedFiles = 100;
+constexpr int kBetweenMarks = 300;
+constexpr const char* kWriterEnv = "KORD_TEST_WRITER";  // "idle" or "stream"
+constexpr const char* kReportEnv = "KORD_TEST_REPORT";  // the descriptor to report on
+constexpr const char* kBaseEnv = "KORD_TEST_BASE";      // the directory of the files
+
+void idleWriter(int fd, const std::string& base);
+void streamWriter(int fd, const std::string& base);
+
+// The writers run in this test program started anew (a fork without exec of
+// a process with threads could not start the library's flusher thread under
+// ThreadSanitizer): when started as one, it writes and waits to be killed
+// before main() runs.
+[[maybe_unused]] const bool kStartedAsWriter = [] {
+  const char* role = ::getenv(kWriterEnv);
+  const char* fd = ::getenv(kReportEnv);
+  const char* base = ::getenv(kBaseEnv);
+  if (!role || !fd || !base) return false;
+  if (std::string(role) == "idle")
+    idleWriter(std::atoi(fd), base);
+  else
+    streamWriter(std::atoi(fd), base);
+  for (;;) ::pause();  // killed here
+}();
 
 class KordDurabilityTest : public KordTest {
  protected:
-  // Runs body in a forked child that reports on `report`, and gives its pid.
-  template <typename Body>
-  pid_t spawn(Pipe& report, Body body) {
+  // Starts this program as a writer that reports on `report`; its pid.
+  pid_t spawn(Pipe& report, const char* role, const std::string& base) {
     EXPECT_EQ(report.open(), 0);
+    const std::string fd = std::to_string(report.write_end.get());
     pid_t pid = ::fork();
     if (pid == 0) {
-      report.read_end.reset();
-      body(report.write_end.get());
-      for (;;) ::pause();  // killed here
+      ::fcntl(report.write_end.get(), F_SETFD, 0);  // kept across exec
+      ::setenv(kWriterEnv, role, 1);
+      ::setenv(kReportEnv, fd.c_str(), 1);
+      ::setenv(kBaseEnv, base.c_str(), 1);
+      ::execl("/proc/self/exe", "kord_test", static_cast<char*>(nullptr));
+      ::_exit(127);
     }
     report.write_end.reset();
     return pid;
@@ -57,10 +84,6 @@ class KordDurabilityTest : public KordTest {
     ::sqlite3_close(db);
     return result;
   }
-
-  static std::string fileAt(const std::string& base, int i) {
-    return base + "/f" + std::to_string(i) + ".mkv";
-  }
 };
 
 void report(int fd, char byte) {
@@ -76,20 +99,47 @@ bool tagFile(kord_bulk_t* h, const std::string& path, int i) {
          kord_bulk_settag(h, ".s.batchidx", index.c_str()) == 0 && kord_bulk_commit(h) == 0;
 }
 
+std::string fileAt(const std::string& base, int i) {
+  return base + "/f" + std::to_string(i) + ".mkv";
+}
+
+// Commits kCommittedFiles files, starts one more, and stays idle.
+void idleWriter(int fd, const std::string& base) {
+  kord_bulk_t* h = kord_bulk_init();
+  bool ok = h != nullptr;
+  for (int i = 0; ok && i < kCommittedFiles; ++i) ok = tagFile(h, fileAt(base, i), i);
+  std::string pending = base + "/uncommitted.mkv";
+  ok = ok && kord_bulk_setpath(h, pending.c_str()) == 0 && kord_bulk_settag(h, ".s.tbp", "1") == 0;
+  report(fd, ok ? '1' : '0');
+}
+
+// Commits files without end, reporting a mark after every kBetweenMarks.
+void streamWriter(int fd, const std::string& base) {
+  kord_bulk_t* h = kord_bulk_init();
+  for (int i = 0; h; ++i) {
+    if (!tagFile(h, fileAt(base, i), i)) break;
+    if ((i + 1) % kBetweenMarks != 0) continue;
+    // Every mark ends the group, one way or the other.
+    bool marked;
+    if ((i + 1) / kBetweenMarks % 2 != 0) {
+      kord_bulk_fini(h);
+      h = kord_bulk_init();
+      marked = h != nullptr;
+    } else {
+      marked = kord_view_create("mark") == 0;
+    }
+    report(fd, marked ? 'm' : '0');
+  }
+  report(fd, '0');
+}
+
 // A group left alone is written once its window has passed, without any
 // further call; the change the handle made after its last commit is not.
 TEST_F(KordDurabilityTest, AnIdleGroupIsWrittenWithoutTheChangesAfterItsLastCommit) {
   configure();
   const std::string base = at("p1/Media");
   Pipe pipe;
-  pid_t pid = spawn(pipe, [&](int fd) {
-    kord_bulk_t* h = kord_bulk_init();
-    bool ok = h != nullptr;
-    for (int i = 0; ok && i < kCommittedFiles; ++i) ok = tagFile(h, fileAt(base, i), i);
-    std::string pending = base + "/uncommitted.mkv";
-    ok = ok && kord_bulk_setpath(h, pending.c_str()) == 0 && kord_bulk_settag(h, ".s.tbp", "1") == 0;
-    report(fd, ok ? '1' : '0');
-  });
+  pid_t pid = spawn(pipe, "idle", base);
   ASSERT_GT(pid, 0);
   char byte = 0;
   ASSERT_EQ(::read(pipe.read_end.get(), &byte, 1), 1);
@@ -114,26 +164,8 @@ TEST_F(KordDurabilityTest, AnIdleGroupIsWrittenWithoutTheChangesAfterItsLastComm
 TEST_F(KordDurabilityTest, AKillMidStreamLosesWholeFilesAfterTheLastWrittenGroup) {
   configure();
   const std::string base = at("p1/Media");
-  constexpr int kBetweenMarks = 300;
   Pipe pipe;
-  pid_t pid = spawn(pipe, [&](int fd) {
-    kord_bulk_t* h = kord_bulk_init();
-    for (int i = 0; h; ++i) {
-      if (!tagFile(h, fileAt(base, i), i)) break;
-      if ((i + 1) % kBetweenMarks != 0) continue;
-      // Every mark ends the group, one way or the other.
-      bool marked;
-      if ((i + 1) / kBetweenMarks % 2 != 0) {
-        kord_bulk_fini(h);
-        h = kord_bulk_init();
-        marked = h != nullptr;
-      } else {
-        marked = kord_view_create("mark") == 0;
-      }
-      report(fd, marked ? 'm' : '0');
-    }
-    report(fd, '0');
-  });
+  pid_t pid = spawn(pipe, "stream", base);
   ASSERT_GT(pid, 0);
   int marks = 0;
   char byte = 0;
