@@ -100,6 +100,14 @@ gw_stop_broker() {
 # gw_wait_status VALUE [SECONDS]: "MetaDataStorageStatus" holds VALUE.
 gw_wait_status() { "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus "$1" "${2:-60}"; }
 
+# gw_location EXPECTED: waits until the metadata location file names
+# EXPECTED (zibd publishes "OK" before it writes the file), then prints
+# "location=CONTENT|", whatever the file holds by then.
+gw_location() {
+  gw_wait_for 10 grep -qx -- "$1" /rw/zib_metadata_location
+  echo "location=$(cat /rw/zib_metadata_location)|"
+}
+
 # gw_history PATH.PARAM: the values written to the parameter, one line.
 gw_history() { "$RILLCTL" history "$1" | tr '\n' ' '; }
 

@@ -26,7 +26,7 @@ gw_start_zibd /tmp/types.ini
 zibd=$GW_ZIBD
 "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus OK 60 && echo "chosen"
 echo "ini=$(cat /tmp/.kord/kord.ini)"
-echo "location=$(cat /rw/zib_metadata_location)|"
+gw_location /var/uuidmount/aaaa
 echo "refcount1=$("$RILLCTL" refcount Storage.Disk.1)"
 "$RILLCTL" add Storage.Disk.2 CapacityInMBytes=500 DoUnMount=0
 "$RILLCTL" add Storage.Disk.2.Partition.1 MountPoint=/var/uuidmount/bbbb Status=1 FreeSpaceInKBytes=1048576
@@ -34,7 +34,7 @@ echo "refcount1=$("$RILLCTL" refcount Storage.Disk.1)"
 "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus NoSuitableDisk 30 && echo "lost"
 echo "emptied=$(stat -c %s /tmp/.kord/kord.ini)"
 "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus OK 60 && echo "chosen again"
-echo "location=$(cat /rw/zib_metadata_location)|"
+gw_location /var/uuidmount/bbbb
 echo "statuses=$("$RILLCTL" history VFS.MetaDataService.MetaDataStorageStatus | tr '\n' ' ')"
 echo "refcount2=$("$RILLCTL" refcount Storage.Disk.2)"
 "$RILLCTL" set Storage.Disk.2.DoUnMount 1

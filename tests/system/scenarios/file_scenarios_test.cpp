@@ -239,6 +239,8 @@ hidden() {
 }
 files="$a/Media/f.mp3 $a/other/f.mp3 $b/Media/f.mp3 $b/other/f.mp3"
 echo "unmanaged: $(hidden $files)"
+# The first scans' status has settled once it reads "Ready" again.
+"$RILLCTL" wait VFS.MetaDataService.ProfilingStatus Ready 30 >/dev/null || gw_fail "first scans not Ready"
 history=$("$RILLCTL" history VFS.MetaDataService.ProfilingStatus | wc -l)
 
 "$RILLCTL" set Storage.Disk.1.Partition.1.Manageddisk 1

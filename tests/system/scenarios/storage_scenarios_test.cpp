@@ -30,7 +30,7 @@ gw_start_broker /tmp/gateway.model
 gw_start_zibd /tmp/types.ini
 gw_wait_status OK && echo "chosen"
 echo "ini=$(cat /tmp/.kord/kord.ini)"
-echo "location=$(cat /rw/zib_metadata_location)|"
+gw_location /var/uuidmount/bbbb
 echo "databases: $(cd /var/uuidmount && ls -d */.kord/tagdb | tr '\n' ' ')"
 all() { gw_profiled /var/uuidmount/{aaaa,bbbb,cccc,dddd}/Media/*.mp3; }
 gw_wait_for 60 all && echo "every partition profiled"
@@ -85,7 +85,7 @@ echo "refcount=$("$RILLCTL" refcount Storage.Disk.2)"
 printf n >$b/Media/n.mp3
 gw_wait_for 30 gw_profiled $b/Media/n.mp3 && echo "new file on it profiled"
 grep -q "^var/uuidmount/bbbb	2	/Media$" "$TOCK_EVENTS" && echo "its own change events"
-echo "location=$(cat /rw/zib_metadata_location)|"
+gw_location /var/uuidmount/aaaa
 
 "$RILLCTL" set Storage.Disk.2.DoUnMount 1
 gw_wait_for 30 gw_watches_are 2 && echo "unmounted: watches gone"
@@ -122,7 +122,7 @@ gw_profiler /tmp/profile /tmp/profiler.log
 gw_start_broker /tmp/gateway.model
 gw_start_zibd /tmp/types.ini
 gw_wait_status OK || gw_fail "no storage chosen"
-echo "location=$(cat /rw/zib_metadata_location)|"
+gw_location /var/uuidmount/aaaa
 gw_wait_for 60 gw_profiled $a/Media/a.mp3 $b/Media/b.mp3 || gw_fail "first scans"
 : >/tmp/profiler.log
 
@@ -132,7 +132,7 @@ gw_wait_status NoSuitableDisk 30 && echo "lost"
 echo "ini size=$(stat -c %s /tmp/.kord/kord.ini) location kept=$(cat /rw/zib_metadata_location)|"
 gw_wait_status OK && echo "chosen again"
 elapsed=$((($(date +%s%N) - start) / 1000000))
-echo "location=$(cat /rw/zib_metadata_location)|"
+gw_location /var/uuidmount/bbbb
 echo "ini=$(cat /tmp/.kord/kord.ini)"
 # The settle is 3 s of real time; a choice at once would show far less.
 [ "$elapsed" -ge 2500 ] && echo "not before the settle"
@@ -173,7 +173,7 @@ gw_profiler /tmp/profile /tmp/profiler.log
 gw_start_broker /tmp/gateway.model
 gw_start_zibd /tmp/types.ini
 gw_wait_status OK || gw_fail "no storage chosen"
-echo "first boot: $(cat /rw/zib_metadata_location)|"
+echo "first boot: $(gw_location /var/uuidmount/bbbb)"
 gw_wait_for 60 gw_profiled $a/Media/a.mp3 $a/Media/gone.mp3 $b/Media/b.mp3 || gw_fail "first scans"
 before_a=$(gw_tags $a/Media/a.mp3) b_hash=$(gw_tag $b/Media/b.mp3 .s.hash)
 gw_stop_zibd
@@ -187,7 +187,7 @@ rm /tmp/.kord/kord.ini; : >/tmp/profiler.log
 gw_start_broker /tmp/gateway.model
 gw_start_zibd /tmp/types.ini
 gw_wait_status OK || gw_fail "no storage chosen after the restart"
-echo "second boot: $(cat /rw/zib_metadata_location)|"
+echo "second boot: $(gw_location /var/uuidmount/bbbb)"
 echo "ini=$(cat /tmp/.kord/kord.ini)"
 gw_wait_for 60 gw_profiled $a/Media/new.mp3 $b/Media/b.mp3 && echo "new and rewritten files profiled"
 gw_wait_for 30 gw_unknown $a/Media/gone.mp3 && echo "deleted file cleaned up"
@@ -198,8 +198,8 @@ echo "runs: $(gw_runs | tr ';' '\n' | sort | tr '\n' ';')"
 gw_stop_zibd
 )sh");
   ZIBD_EXPECT_SCENARIO_ENDED(r);
-  EXPECT_THAT(r.out, HasSubstr("first boot: /var/uuidmount/bbbb|"));
-  EXPECT_THAT(r.out, HasSubstr("second boot: /var/uuidmount/bbbb|"));
+  EXPECT_THAT(r.out, HasSubstr("first boot: location=/var/uuidmount/bbbb|"));
+  EXPECT_THAT(r.out, HasSubstr("second boot: location=/var/uuidmount/bbbb|"));
   EXPECT_THAT(r.out, ContainsRegex("ini=dms-metadata-db-[0-9]+:/var/uuidmount:/var/uuidmount/bbbb/\\.kord/tagdb\n"));
   EXPECT_THAT(r.out, HasSubstr("new and rewritten files profiled\ndeleted file cleaned up\n"));
   EXPECT_THAT(r.out, HasSubstr("unchanged file untouched\nrewritten file keeps its hash\n"));
