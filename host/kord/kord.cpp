@@ -19,6 +19,7 @@
 #include "platform/kord.h"
 
 #include <pthread.h>
+#include <signal.h>
 #include <time.h>
 
 #include <algorithm>
@@ -31,6 +32,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -118,8 +120,18 @@ class Groups {
     if (!flusher_running_) {
       static std::once_flag at_fork;
       std::call_once(at_fork, [] { ::pthread_atfork(&forkPrepare, &forkParent, &forkChild); });
-      std::thread([this] { flusherLoop(); }).detach();
-      flusher_running_ = true;
+      // The flusher takes no signals: they are the process's threads' own.
+      sigset_t all, old;
+      ::sigfillset(&all);
+      ::pthread_sigmask(SIG_BLOCK, &all, &old);
+      try {
+        std::thread([this] { flusherLoop(); }).detach();
+        flusher_running_ = true;
+      } catch (const std::system_error&) {
+        // No thread now: the group ends at the handle's next commit or fini,
+        // and the next group tries again.
+      }
+      ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
     }
     if (open_.size() == 1) wake_->notify_one();
   }
