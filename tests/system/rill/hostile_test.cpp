@@ -301,7 +301,9 @@ TEST_F(HostileClientTest, HistoryIsCappedByBytesAndGoesWithItsObject) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_LE(r.out.size(), 1024u * 1024u);
   EXPECT_GE(r.out.size(), 2 * (kValue + 1)) << "the newest values are kept";
-  EXPECT_EQ(r.out.substr(r.out.size() - kValue - 1), std::string(kValue, 'j') + "\n");
+  std::string newest(kValue, 'j');
+  newest.push_back('\n');
+  EXPECT_EQ(r.out.substr(r.out.size() - kValue - 1), newest);
 
   // Deleted: like an object that never existed, also once it is back.
   ASSERT_EQ(ctl({"del", "Storage.Disk.3"}).status, 0);
