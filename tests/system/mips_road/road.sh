@@ -127,9 +127,12 @@ if ! "$rillctl" wait VFS.MetaDataService.MetaDataStorageStatus OK 200 >/dev/null
   fail "no metadata storage chosen after $((SECONDS - started)) s"; cat /tmp/zibd.err >&2; exit 1
 fi
 echo "ok: storage chosen after $((SECONDS - started)) s"
-check "the metadata location names the partition" test "$(cat /rw/zib_metadata_location)" = "$part"
+# zibd writes the location file just after it publishes OK: wait for the file.
+locationIs() { [ "$(cat /rw/zib_metadata_location 2>/dev/null)" = "$1" ]; }
+check "the metadata location names the partition" waitUntil 10 locationIs "$part"
 check "the tag store is on the partition" grep -qx "dms-metadata-db-[0-9]*:/var/uuidmount:$part/.kord/tagdb" /tmp/.kord/kord.ini
-check "the daemon holds a reference on its disk" test "$("$rillctl" refcount Storage.Disk.1)" = 1
+refcountIs() { [ "$("$rillctl" refcount "$1")" = "$2" ]; }
+check "the daemon holds a reference on its disk" waitUntil 10 refcountIs Storage.Disk.1 1
 
 # The first scan of the partition profiles the file that was there.
 check "the file present at start is profiled by the first scan" waitUntil 60 hasTag "$films/before.mkv" .s.mdt
