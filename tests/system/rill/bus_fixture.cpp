@@ -126,8 +126,6 @@ struct Recorder {
 int record(rill_notification_t* n, void* context) {
   auto* r = static_cast<Recorder*>(context);
   Event event{rill_notification_get_type(n), rill_notification_get_subid(n), flatten(rill_notification_get_items(n))};
-  // The daemon reads an added object from inside the callback: it must be
-  // complete by then.
   if (*r->read_back_on_add && event.type == RILL_EVENT_OBJECT_ADDED) {
     for (const Flat& item : event.items) {
       int error = -1;

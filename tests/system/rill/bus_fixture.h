@@ -1,12 +1,12 @@
-// A real rilld process on a private socket in the test's sandbox, and small
-// helpers that drive it through the client library and rillctl.
+// A real rilld process on a private socket in the test's sandbox, driven
+// through the client library, rillctl, or a raw connection.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/cs.h"
@@ -16,8 +16,7 @@
 
 namespace zibd::test {
 
-// A gateway with two disks, three partitions, an index rule and the
-// metadata service object.
+// Two disks, three partitions, an index rule and the metadata service.
 inline constexpr const char* kGatewayModel =
     "# two disks\n"
     "VFS.MetaDataService.ForceRescan=0\n"
@@ -35,18 +34,15 @@ inline constexpr const char* kGatewayModel =
     "ContentSharing.UPnPAV.IndexRules.1.Status=Up\n"
     "ContentSharing.UPnPAV.IndexRules.1.Enable=1\n";
 
-// One item of a reply or notification, flattened for comparisons: a missing
-// field shows as "-".
+// One item of a reply or notification; a missing field shows as "-".
 struct Flat {
   std::string path, name, value;
   int error = 0;
   bool operator==(const Flat&) const = default;
 };
 std::ostream& operator<<(std::ostream& out, const Flat& f);
-
 std::vector<Flat> flatten(llist_t* items);
 
-// What a notification callback saw.
 struct Event {
   int type;
   uint32_t subid;
@@ -58,34 +54,31 @@ class BusTest : public SandboxTest {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts rilld with the model text and waits until it accepts clients;
-  // max_descriptors > 0 starts it with that descriptor limit (ulimit -n).
+  // Starts rilld and waits until it accepts clients; max_descriptors > 0
+  // starts it under that descriptor limit.
   void startBroker(const std::string& model = kGatewayModel, std::vector<std::string> extra_args = {},
                    int max_descriptors = 0);
   Env env() const { return Env{{{"RILL_SOCKET", socket_}}}; }
-  // rillctl with the given arguments, against this test's broker.
-  Result ctl(std::vector<std::string> args);
+  Result ctl(std::vector<std::string> args);  // rillctl against this broker
 
-  // A library connection, closed and freed at the end of the test.
-  rill_conn_t* connect(const char* name);
+  rill_conn_t* connect(const char* name);  // closed at the end of the test
   void disconnect(rill_conn_t* conn);
-
-  // The library calls the daemon makes, in the daemon's order.
+  // The library calls the daemon makes. read() returns 17 when the bus said no.
   static int read(rill_conn_t* conn, const char* path, std::vector<Flat>* items);
   static int set(rill_conn_t* conn, const char* object, const char* param, const std::string& value);
-  // Subscribes (path, parameter or NULL, mask) triples; returns the ids.
+  // Subscribes (path, parameter or NULL, mask) triples into events_; returns the ids.
   std::vector<uint32_t> subscribe(rill_conn_t* conn,
                                   const std::vector<std::tuple<const char*, const char*, unsigned>>& requests);
-  // Dispatches notifications of conn until at least count were seen (or 10 s passed).
+  // Dispatches conn's notifications until events_ holds at least count.
   bool awaitEvents(rill_conn_t* conn, size_t count);
 
   std::string socket_;
   Env broker_env_;  // added to env() for the broker only
   std::unique_ptr<Process> broker_;
   std::vector<rill_conn_t*> conns_;
-  std::vector<Event> events_;           // seen by the callbacks of subscribe()
-  bool read_back_on_add_ = false;       // whether they read each added object back...
-  std::vector<Flat> seen_in_callback_;  // ...into here
+  std::vector<Event> events_;
+  bool read_back_on_add_ = false;       // whether the callback reads each added object...
+  std::vector<Flat> seen_in_callback_;  // ...into here, as the daemon does
   std::vector<std::shared_ptr<void>> callback_contexts_;
 };
 
