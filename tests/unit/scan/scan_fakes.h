@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "common/walk.h"
 #include "scan/scan_reports.h"
 #include "storage/index_rules.h"
 #include "storage/storage_queries.h"
@@ -21,49 +20,41 @@ class FakeStorage : public StorageQueries {
  public:
   std::atomic<bool> ready{true};
   std::optional<std::string> managed;  // set before the scanner runs
-  std::atomic<int> on_partition_queries{0};
-  std::atomic<int> initial_scans_done{0};
+  mutable std::atomic<int> on_partition_queries{0};
 
   bool storageReady() const override { return ready.load(); }
-  bool pathIsOnPartition(const std::string&) const override {
-    ++const_cast<FakeStorage*>(this)->on_partition_queries;
-    return true;
-  }
+  bool pathIsOnPartition(const std::string&) const override { return ++on_partition_queries > 0; }
   std::optional<std::string> managedPartitionPath() const override { return managed; }
   void sendChangeEvent(const std::string&) override {}
-  void markInitialScanDone() override { ++initial_scans_done; }
+  void markInitialScanDone() override {}
 };
 
 class FakeReports : public ScanReports {
  public:
-  int reportProfiling(int busy) override {
-    std::lock_guard lock(mutex_);
-    profiling_.push_back(busy);
-    return 8;
-  }
-  int reportPartitionScanned(const std::string& mount_path) override {
-    std::lock_guard lock(mutex_);
-    scanned_.push_back(mount_path);
-    return 8;
-  }
-  std::vector<int> profiling() const {
-    std::lock_guard lock(mutex_);
-    return profiling_;
-  }
-  std::vector<std::string> scanned() const {
-    std::lock_guard lock(mutex_);
-    return scanned_;
-  }
+  int reportProfiling(int busy) override { return record(&profiling_, busy); }
+  int reportPartitionScanned(const std::string& mount_path) override { return record(&scanned_, mount_path); }
+  std::vector<int> profiling() const { return copy(profiling_); }
+  std::vector<std::string> scanned() const { return copy(scanned_); }
 
  private:
+  template <typename T>
+  int record(std::vector<T>* to, const T& value) {
+    std::lock_guard lock(mutex_);
+    to->push_back(value);
+    return 8;
+  }
+  template <typename T>
+  std::vector<T> copy(const std::vector<T>& from) const {
+    std::lock_guard lock(mutex_);
+    return from;
+  }
   mutable std::mutex mutex_;
   std::vector<int> profiling_;
   std::vector<std::string> scanned_;
 };
 
 // Rules as directory -> categories; a rule matches the paths strictly below
-// its directory. on_query, when set, runs on every query (tests use it to
-// hold the scanner at a known point).
+// its directory. on_query, when set, runs on every query.
 class FakeRules : public IndexRules {
  public:
   std::map<std::string, uint32_t> rules;
@@ -74,8 +65,7 @@ class FakeRules : public IndexRules {
     if (on_query) on_query(path);
     uint32_t mask = 0;
     for (const auto& [dir, categories] : rules)
-      if (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
-          path[dir.size()] == '/')
+      if (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/')
         mask |= categories;
     return mask;
   }

@@ -20,7 +20,6 @@ class ScanTest : public KordTest {
   void SetUp() override {
     KordTest::SetUp();
     configure();
-    // Profilers that exit at once unless a test names its own.
     loadMap("mkv,avi:STDVIDEO:true:\nmp3:STDAUDIO:true:\njpg:STDIMAGE:true:\n");
     rules_.rules[at("p1")] = kCategoryMovies | kCategoryMusic;
   }
@@ -33,22 +32,17 @@ class ScanTest : public KordTest {
     ASSERT_EQ(types_.load(file), 0);
     std::fclose(file);
   }
-
-  // Writes an executable shell script below the sandbox; returns its path.
+  // An executable shell script below the sandbox; its path.
   std::string script(const std::string& name, const std::string& body) {
     sandbox_.write(name, "#!/bin/sh\n" + body);
-    const std::string path = sandbox_ / name;
-    EXPECT_EQ(::chmod(path.c_str(), 0755), 0);
-    return path;
+    EXPECT_EQ(::chmod((sandbox_ / name).c_str(), 0755), 0);
+    return sandbox_ / name;
   }
-
-  // Creates a file below the tag store's root with the given modification
-  // time (seconds since the epoch), or the current time for -1.
+  // A file below the tag store's root, modified at mtime (seconds) unless -1.
   std::string media(const std::string& relative, long mtime = -1) {
     sandbox_.write("uuidmount/" + relative, "x");
-    const std::string path = at(relative);
-    if (mtime >= 0) setMtime(path, mtime);
-    return path;
+    if (mtime >= 0) setMtime(at(relative), mtime);
+    return at(relative);
   }
   static void setMtime(const std::string& path, long seconds) {
     struct timeval times[2] = {{seconds, 0}, {seconds, 0}};
@@ -59,7 +53,6 @@ class ScanTest : public KordTest {
     formatTagTime(static_cast<std::time_t>(seconds), text, sizeof text);
     return text;
   }
-
   FileTypeRecord& typeRecord(const std::string& type) {
     for (const auto& r : types_.records())
       if (r->type == type) return *r;
