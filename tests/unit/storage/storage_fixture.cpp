@@ -8,32 +8,37 @@
 
 namespace zibd::test {
 
-InProcessBroker::InProcessBroker(const std::string& socket_path, const std::string& model, int64_t stage,
-                                 size_t max_subscriptions)
+InProcessBroker::InProcessBroker(const std::string& socket_path, const std::string& model, size_t max_subscriptions)
     : socket_path_(socket_path) {
   rill::Model loaded;
   std::string error;
   EXPECT_TRUE(rill::loadModel(model, &loaded, &error)) << error;
   rill::BrokerOptions options;
   options.socket_path = socket_path;
-  options.stage = stage;
+  options.stage = 100;
   options.max_subscriptions = max_subscriptions;
   broker_ = std::make_unique<rill::Broker>(std::move(loaded), options);
   EXPECT_EQ(broker_->listen(&error), 0) << error;
   thread_ = std::thread([this] { broker_->run(); });
 }
 
-InProcessBroker::~InProcessBroker() { stop(); }
-
 void InProcessBroker::stop() {
   if (broker_) broker_->stop();
   if (thread_.joinable()) thread_.join();
 }
 
-std::optional<rill::Reply> InProcessBroker::call(rill::Request request) {
+std::optional<rill::Reply> InProcessBroker::call(rill::Op op, const std::string& path, std::optional<std::string> name,
+                                                 std::optional<std::string> value) {
+  rill::Request r;
+  r.op = op;
+  r.path = path;
+  r.name = std::move(name);
+  r.value = std::move(value);
   rill::Client client;
   if (!client.connect("test-tools", socket_path_)) return std::nullopt;
-  return client.call(std::move(request));
+  auto reply = client.call(std::move(r));
+  if (reply && reply->status != rill::Status::kOk) return std::nullopt;
+  return reply;
 }
 
 bool InProcessBroker::add(const std::string& object,
@@ -42,64 +47,35 @@ bool InProcessBroker::add(const std::string& object,
   r.op = rill::Op::kAddObject;
   r.path = object;
   r.params = params;
-  auto reply = call(std::move(r));
+  rill::Client client;
+  if (!client.connect("test-tools", socket_path_)) return false;
+  auto reply = client.call(std::move(r));
   return reply && reply->status == rill::Status::kOk;
 }
 
-bool InProcessBroker::del(const std::string& object) {
-  rill::Request r;
-  r.op = rill::Op::kDelObject;
-  r.path = object;
-  auto reply = call(std::move(r));
-  return reply && reply->status == rill::Status::kOk;
-}
+bool InProcessBroker::del(const std::string& object) { return call(rill::Op::kDelObject, object).has_value(); }
 
 bool InProcessBroker::set(const std::string& object, const std::string& param, const std::string& value) {
-  rill::Request r;
-  r.op = rill::Op::kSetValue;
-  r.path = object;
-  r.name = param;
-  r.value = value;
-  auto reply = call(std::move(r));
-  return reply && reply->status == rill::Status::kOk;
-}
-
-void InProcessBroker::setStage(int64_t stage) {
-  rill::Request r;
-  r.op = rill::Op::kStageSet;
-  r.number = stage;
-  EXPECT_TRUE(call(std::move(r)));
+  return call(rill::Op::kSetValue, object, param, value).has_value();
 }
 
 std::optional<std::string> InProcessBroker::get(const std::string& object, const std::string& param) {
-  rill::Request r;
-  r.op = rill::Op::kGetValues;
-  r.path = object;
-  auto reply = call(std::move(r));
-  if (!reply || reply->status != rill::Status::kOk) return std::nullopt;
-  for (const auto& item : reply->items)
-    if (item.name == param) return item.value;
+  if (auto reply = call(rill::Op::kGetValues, object))
+    for (const auto& item : reply->items)
+      if (item.name == param) return item.value;
   return std::nullopt;
 }
 
 std::vector<std::string> InProcessBroker::history(const std::string& object, const std::string& param) {
-  rill::Request r;
-  r.op = rill::Op::kHistory;
-  r.path = object;
-  r.name = param;
   std::vector<std::string> values;
-  auto reply = call(std::move(r));
-  if (reply)
+  if (auto reply = call(rill::Op::kHistory, object, param))
     for (const auto& item : reply->items) values.push_back(item.value.value_or(""));
   return values;
 }
 
 int64_t InProcessBroker::refcount(const std::string& object) {
-  rill::Request r;
-  r.op = rill::Op::kRefcount;
-  r.path = object;
-  auto reply = call(std::move(r));
-  return reply && reply->status == rill::Status::kOk ? reply->number : -1;
+  auto reply = call(rill::Op::kRefcount, object);
+  return reply ? reply->number : -1;
 }
 
 void StorageTest::SetUp() {
@@ -114,23 +90,25 @@ void StorageTest::SetUp() {
   ::setenv("KORD_UPDATE", config_.update_signal.c_str(), 1);
   ::setenv("KORD_VIEWS", (sandbox_ / "views").c_str(), 1);
   ::setenv("TOCK_EVENTS", (sandbox_ / "tock.events").c_str(), 1);
-  model_ = std::make_unique<StorageModel>(watches_, scanner_, config_);
+  remakeModel();
 }
 
 void StorageTest::TearDown() {
   model_.reset();
-  closeConnection();
+  if (conn_) {
+    rill_invoke_unregister(conn_);
+    rill_ctx_reset(conn_);
+    rill_ctx_free(conn_);
+  }
   broker_.reset();
 }
 
-void StorageTest::remakeModel() { model_ = std::make_unique<StorageModel>(watches_, scanner_, config_); }
-
-void StorageTest::startBroker(const std::string& model, int64_t stage, size_t max_subscriptions) {
+void StorageTest::startBroker(const std::string& model, size_t max_subscriptions) {
   std::string text = model;
   for (size_t at; (at = text.find("@ROOT@")) != std::string::npos;) text.replace(at, 6, root_);
   const std::string socket = sandbox_ / "rill.sock";
   ::setenv("RILL_SOCKET", socket.c_str(), 1);
-  broker_ = std::make_unique<InProcessBroker>(socket, text, stage, max_subscriptions);
+  broker_ = std::make_unique<InProcessBroker>(socket, text, max_subscriptions);
 }
 
 rill_conn_t* StorageTest::connectModel() {
@@ -140,19 +118,18 @@ rill_conn_t* StorageTest::connectModel() {
   return conn_;
 }
 
-void StorageTest::closeConnection() {
-  if (!conn_) return;
-  if (model_) model_->setConnection(nullptr);
-  rill_invoke_unregister(conn_);
-  rill_ctx_reset(conn_);
-  rill_ctx_free(conn_);
-  conn_ = nullptr;
-}
-
 std::string StorageTest::mount(const std::string& name, bool with_database) {
   sandbox_.mkdirs("uuidmount/" + name);
   if (with_database) sandbox_.write("uuidmount/" + name + "/.kord/tagdb", "");
   return root_ + "/" + name;
+}
+
+std::vector<std::string> StorageTest::mounts() {
+  MutexLock hold(model_->storage_lock);
+  std::vector<std::string> all;
+  for (const Disk& disk : model_->disks)
+    for (const Partition& p : disk.partitions) all.push_back(p.mount_path);
+  return all;
 }
 
 }  // namespace zibd::test

@@ -1,8 +1,7 @@
 // A real bus broker in the test's process (the broker core of rilld on a
 // private socket), a daemon-side connection to it, a sandbox standing in for
 // the storage root and the tag store's files, and fakes of the layers above
-// the storage model. Shared by the storage and bus unit tests; it runs in
-// every build, the big-endian cross build under qemu included.
+// the storage model. Shared by the storage and bus unit tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -58,9 +57,8 @@ class FakeScanRequests : public ScanRequests {
 // The broker and the tools of the other services on the bus.
 class InProcessBroker {
  public:
-  InProcessBroker(const std::string& socket_path, const std::string& model, int64_t stage = 100,
-                  size_t max_subscriptions = 1024);
-  ~InProcessBroker();
+  InProcessBroker(const std::string& socket_path, const std::string& model, size_t max_subscriptions);
+  ~InProcessBroker() { stop(); }
   InProcessBroker(const InProcessBroker&) = delete;
   InProcessBroker& operator=(const InProcessBroker&) = delete;
 
@@ -68,7 +66,6 @@ class InProcessBroker {
   bool add(const std::string& object, const std::vector<std::pair<std::string, std::string>>& params);
   bool del(const std::string& object);
   bool set(const std::string& object, const std::string& param, const std::string& value);
-  void setStage(int64_t stage);
   std::optional<std::string> get(const std::string& object, const std::string& param);
   // Every value clients wrote to the parameter, oldest first.
   std::vector<std::string> history(const std::string& object, const std::string& param);
@@ -77,7 +74,8 @@ class InProcessBroker {
   void stop();
 
  private:
-  std::optional<rill::Reply> call(rill::Request request);
+  std::optional<rill::Reply> call(rill::Op op, const std::string& path, std::optional<std::string> name = {},
+                                  std::optional<std::string> value = {});
 
   std::string socket_path_;
   std::unique_ptr<rill::Broker> broker_;
@@ -91,16 +89,16 @@ class StorageTest : public SandboxTest {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts the broker with the model; the text "@ROOT@" in it stands for the
-  // sandbox's storage root.
-  void startBroker(const std::string& model, int64_t stage = 100, size_t max_subscriptions = 1024);
+  // Starts the broker with the model; "@ROOT@" in it stands for the storage root.
+  void startBroker(const std::string& model, size_t max_subscriptions = 1024);
   // Makes the storage model again with config_ (after a test changed it).
-  void remakeModel();
+  void remakeModel() { model_ = std::make_unique<StorageModel>(watches_, scanner_, config_); }
   // A daemon connection ("zib_client") handed to the storage model.
   rill_conn_t* connectModel();
-  void closeConnection();
   // Makes the mount directory <root>/<name>, with a tag database when asked.
   std::string mount(const std::string& name, bool with_database = false);
+  // The mount paths of every recorded partition, newest disk and partition first.
+  std::vector<std::string> mounts();
 
   std::string root_;
   StorageConfig config_;
