@@ -1,3 +1,4 @@
+// The tree walk and the path helpers.
 #include "common/walk.h"
 
 #include <fcntl.h>
@@ -13,321 +14,233 @@
 #include <vector>
 
 #include "common/file_descriptor.h"
-#include "tests/support/sandbox.h"
 #include "common/fs_error.h"
+#include "tests/support/sandbox.h"
 
 namespace zibd {
 namespace {
 
+namespace fs = std::filesystem;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+using Events = std::vector<std::string>;
 
 // Records every callback of a walk as "F path", "D path" or "E path" (end),
-// with paths relative to root.
+// paths relative to the root; a callback on stop_at returns stop_code.
 struct Recorder {
-  std::string root;
-  std::vector<std::string> events;
-  std::string stop_at;  // a relative path whose callback returns stop_code
+  std::string root, stop_at;
   int stop_code = 0;
-  std::string remove_at;  // a directory removed when it is reported
+  bool remove_dirs = false;  // rmdir every directory as it is reported
+  Events events;
 
-  std::string relative(const char* path) const {
-    std::string p = path;
-    if (p == root) return ".";
-    return p.rfind(root + "/", 0) == 0 ? p.substr(root.size() + 1) : p;
-  }
   int record(char kind, const char* path) {
-    const std::string rel = relative(path);
+    const std::string p = path;
+    const std::string rel = p == root ? "." : p.rfind(root + "/", 0) == 0 ? p.substr(root.size() + 1) : p;
     events.push_back(std::string(1, kind) + " " + rel);
-    if (!remove_at.empty() && rel == remove_at) ::rmdir(path);
+    if (kind == 'D' && remove_dirs) ::rmdir(path);
     return rel == stop_at ? stop_code : 0;
   }
-  std::vector<std::string> only(char kind) const {
-    std::vector<std::string> out;
+  Events only(char kind) const {
+    Events out;
     for (const auto& e : events)
       if (e[0] == kind) out.push_back(e.substr(2));
     return out;
   }
 };
-
-int onFile(const char* path, void* data) { return static_cast<Recorder*>(data)->record('F', path); }
-int onDir(const char* path, void* data) { return static_cast<Recorder*>(data)->record('D', path); }
-int onEnd(const char* path, void* data) { return static_cast<Recorder*>(data)->record('E', path); }
+int onFile(const char* path, void* r) { return static_cast<Recorder*>(r)->record('F', path); }
+int onDir(const char* path, void* r) { return static_cast<Recorder*>(r)->record('D', path); }
+int onEnd(const char* path, void* r) { return static_cast<Recorder*>(r)->record('E', path); }
 
 class WalkTest : public test::SandboxTest {
  protected:
-  void SetUp() override { rec_.root = sandbox_.path(); }
-
   int walk(const std::string& path, bool files = true, bool dirs = true, bool recursive = true) {
     rec_.root = path;
-    return fsWalkTree(path.c_str(), files ? onFile : nullptr, dirs ? onDir : nullptr, onEnd, &rec_,
-                      recursive);
+    rec_.events.clear();
+    return fsWalkTree(path.c_str(), files ? onFile : nullptr, dirs ? onDir : nullptr, onEnd, &rec_, recursive);
   }
-
   Recorder rec_;
 };
 
-TEST_F(WalkTest, ReportsTheTreeAndNeverTouchesHiddenEntries) {
-  sandbox_.write("a.mp3");
-  sandbox_.write(".hidden.mp3");
-  sandbox_.write(".kord/db");
-  sandbox_.write("sub/b.jpg");
-  sandbox_.write("sub/.kord/views/c.jpg");
-  sandbox_.write("sub/.cache/deep/d.avi");
-  sandbox_.write("sub/deeper/e.avi");
-  sandbox_.mkdirs("sub/deeper/.x/visible");
-  sandbox_.mkdirs("empty");
-
+// A level's subdirectories are all reported while it is read, then entered
+// in the reverse order of reading.
+TEST_F(WalkTest, ReportsParentsFirstEntersInReverseAndSkipsHiddenEntries) {
+  for (const char* f : {"a.mp3", ".hidden.mp3", ".kord/db", "p/b.jpg", "p/.cache/deep/d.avi", "p/child/e.avi"})
+    sandbox_.write(f);
+  for (const char* d : {"q/child", "r/child/.x/visible"}) sandbox_.mkdirs(d);
   EXPECT_EQ(walk(sandbox_.path()), 0);
-  EXPECT_THAT(rec_.only('F'), UnorderedElementsAre("a.mp3", "sub/b.jpg", "sub/deeper/e.avi"));
-  EXPECT_THAT(rec_.only('D'), UnorderedElementsAre(".", "sub", "sub/deeper", "empty"));
-  EXPECT_EQ(rec_.events.front(), "D .");
+  EXPECT_THAT(rec_.only('F'), UnorderedElementsAre("a.mp3", "p/b.jpg", "p/child/e.avi"));
+  const Events dirs = rec_.only('D');
+  ASSERT_EQ(dirs.size(), 7u);
+  EXPECT_EQ(dirs[0], ".");
+  EXPECT_THAT(Events(dirs.begin() + 1, dirs.begin() + 4), UnorderedElementsAre("p", "q", "r"));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(dirs[4 + i], dirs[3 - i] + "/child");
   EXPECT_EQ(rec_.events.back(), "E .");
   EXPECT_EQ(rec_.only('E').size(), 1u);
 }
 
-// A level's subdirectories are all reported while it is read, then entered in
-// the reverse order of reading.
-TEST_F(WalkTest, ReportsParentsBeforeChildrenAndEntersInReverseOrder) {
-  for (const char* d : {"p", "q", "r", "s"}) sandbox_.write(std::string(d) + "/child/f");
-  sandbox_.mkdirs("p/child/.kord/v");
-  // Without a file callback every visible directory is reported, root first.
-  EXPECT_EQ(walk(sandbox_.path(), /*files=*/false), 0);
-  const std::vector<std::string> dirs = rec_.only('D');
-  ASSERT_EQ(dirs.size(), 9u);
-  EXPECT_EQ(dirs[0], ".");
-  std::vector<std::string> top(dirs.begin() + 1, dirs.begin() + 5);
-  std::vector<std::string> children(dirs.begin() + 5, dirs.end());
-  for (const auto& t : top) EXPECT_EQ(t.find('/'), std::string::npos) << t;
-  std::reverse(top.begin(), top.end());
-  for (std::size_t i = 0; i < top.size(); ++i) EXPECT_EQ(children[i], top[i] + "/child");
-}
-
-// Counts this process's open descriptors.
-int openDescriptors() {
+// Descriptors of this process open on the sandbox's directories; -1 when one
+// of them would be inherited by a child.
+int directoryStreams(const std::string& root) {
   int n = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    (void)entry;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ec;
+    const std::string target = fs::read_symlink(entry.path(), ec).string();
+    if (ec || target.rfind(root, 0) != 0) continue;
+    if ((::fcntl(std::stoi(entry.path().filename().string()), F_GETFD) & FD_CLOEXEC) == 0) return -1;
     ++n;
   }
   return n;
 }
 
-int countDescriptors(const char*, void* data) {
-  int& most = *static_cast<int*>(data);
-  most = std::max(most, openDescriptors());
-  return 0;
-}
-
-TEST_F(WalkTest, HoldsOneDirectoryStreamAtATimeHoweverDeep) {
+TEST_F(WalkTest, HoldsOneCloseOnExecDirectoryStreamAtATimeHoweverDeep) {
   std::string deep;
   for (int level = 0; level < 12; ++level) {
-    deep += "/d" + std::to_string(level);
-    sandbox_.write(deep.substr(1) + "/f");
-    sandbox_.write(deep.substr(1) + "/g");
+    deep += "d" + std::to_string(level) + "/";
+    sandbox_.write(deep + "f");
+    sandbox_.write(deep + "g");
   }
-  const int baseline = openDescriptors();
-  int most = 0;
-  EXPECT_EQ(
-      fsWalkTree(sandbox_.path().c_str(), countDescriptors, countDescriptors, nullptr, &most, true),
-      0);
-  EXPECT_EQ(most, baseline + 1);
+  struct Seen {
+    std::string root;
+    std::vector<int> streams;
+  } seen{sandbox_.path(), {}};
+  auto count = [](const char*, void* data) {
+    auto* s = static_cast<Seen*>(data);
+    s->streams.push_back(directoryStreams(s->root));
+    return 0;
+  };
+  EXPECT_EQ(fsWalkTree(sandbox_.path().c_str(), count, count, nullptr, &seen, true), 0);
+  ASSERT_EQ(seen.streams.size(), 37u);
+  EXPECT_EQ(seen.streams.front(), 0) << "the root is reported before it is opened";
+  EXPECT_EQ(std::count(seen.streams.begin() + 1, seen.streams.end(), 1), 36);
+  EXPECT_EQ(directoryStreams(sandbox_.path()), 0);
 }
 
-TEST_F(WalkTest, NonRecursiveWalkReadsOneLevel) {
-  sandbox_.write("top.mp3");
-  sandbox_.write("sub/inner.mp3");
-  EXPECT_EQ(walk(sandbox_.path(), true, true, /*recursive=*/false), 0);
-  EXPECT_THAT(rec_.events, ElementsAre("D .", "F top.mp3", "E ."));
-}
-
-TEST_F(WalkTest, RootThatIsAFileGoesToTheFileCallbackOnly) {
+TEST_F(WalkTest, RootsOfEveryKind) {
   sandbox_.write("song.mp3");
-  EXPECT_EQ(walk(sandbox_ / "song.mp3"), 0);
-  EXPECT_THAT(rec_.events, ElementsAre("F .", "E ."));
-
-  rec_.events.clear();
-  EXPECT_EQ(walk(sandbox_ / "song.mp3", /*files=*/false), 0);
-  EXPECT_THAT(rec_.events, ElementsAre("E ."));
-
-  rec_.events.clear();
+  sandbox_.write("sub/inner.mp3");
   ASSERT_EQ(::mkfifo((sandbox_ / "fifo").c_str(), 0600), 0);
-  EXPECT_EQ(walk(sandbox_ / "fifo"), 0);
-  EXPECT_THAT(rec_.events, ElementsAre("E ."));
-}
-
-TEST_F(WalkTest, RejectsAMissingCallbackOrRoot) {
-  EXPECT_EQ(fsWalkTree(sandbox_.path().c_str(), nullptr, nullptr, onEnd, &rec_, true),
-            kFsErrInvalid);
-  EXPECT_EQ(walk(sandbox_ / "missing"), kFsErrPath);
-  EXPECT_THAT(rec_.events, IsEmpty());
+  const struct {
+    std::string root;
+    bool files, dirs, recursive;
+    int result;
+    Events events;
+  } cases[] = {
+      {"song.mp3", true, true, true, 0, {"F .", "E ."}},
+      {"song.mp3", false, true, true, 0, {"E ."}},
+      {"fifo", true, true, true, 0, {"E ."}},
+      {"", true, true, false, 0, {"D .", "F song.mp3", "E ."}},  // one level, files only
+      {"missing", true, true, true, kFsErrPath, {}},
+      {"", false, false, true, kFsErrInvalid, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.root);
+    const std::string root = c.root.empty() ? sandbox_.path() : sandbox_ / c.root;
+    EXPECT_EQ(walk(root, c.files, c.dirs, c.recursive), c.result);
+    EXPECT_EQ(rec_.events, c.events);
+  }
 }
 
 TEST_F(WalkTest, FollowsALinkedRootButNotLinksInside) {
   sandbox_.write("real/a.mp3");
   sandbox_.write("real/dir/b.mp3");
   sandbox_.write("elsewhere/c.mp3");
-  namespace fs = std::filesystem;
   fs::create_directory_symlink(sandbox_ / "real", sandbox_ / "root-link");
   fs::create_directory_symlink(sandbox_ / "elsewhere", sandbox_ / "real/dir-link");
   fs::create_symlink(sandbox_ / "elsewhere/c.mp3", sandbox_ / "real/file-link");
   fs::create_symlink(sandbox_ / "nowhere", sandbox_ / "real/dangling");
   ASSERT_EQ(::mkfifo((sandbox_ / "real/fifo").c_str(), 0600), 0);
-
   EXPECT_EQ(walk(sandbox_ / "root-link"), 0);
-  EXPECT_THAT(rec_.only('F'),
-              UnorderedElementsAre("a.mp3", "dir/b.mp3", "dir-link", "file-link", "dangling"));
+  EXPECT_THAT(rec_.only('F'), UnorderedElementsAre("a.mp3", "dir/b.mp3", "dir-link", "file-link", "dangling"));
   EXPECT_THAT(rec_.only('D'), UnorderedElementsAre(".", "dir"));
 }
 
-TEST_F(WalkTest, StopCodeFromAFileEndsTheWalk) {
-  sandbox_.write("one/a");
-  sandbox_.write("one/b");
-  sandbox_.write("one/c");
-  sandbox_.write("two/d");
-  sandbox_.write("three/e");
-  // Stop at the first file met in the first subdirectory entered.
+// A callback's non-zero result ends the walk at once and is its result; an
+// unreadable directory ends it with kFsErrPath. The end callback still runs.
+TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
+  for (const char* f : {"one/a", "one/b", "two/c", "three/d"}) sandbox_.write(f);
   EXPECT_EQ(walk(sandbox_.path()), 0);
-  const std::vector<std::string> all = rec_.events;
-  const auto first_file =
-      std::find_if(all.begin(), all.end(), [](const std::string& e) { return e[0] == 'F'; });
+  const Events all = rec_.events, dirs = rec_.only('D');  // dirs: ".", then the top level as read
+  ASSERT_EQ(dirs.size(), 4u);
+  const auto first_file = std::find_if(all.begin(), all.end(), [](const auto& e) { return e[0] == 'F'; });
   ASSERT_NE(first_file, all.end());
-
-  rec_ = Recorder{};
-  rec_.stop_at = first_file->substr(2);
-  rec_.stop_code = 7;
-  EXPECT_EQ(walk(sandbox_.path()), 7);
-  std::vector<std::string> expected(all.begin(), first_file + 1);
-  expected.push_back("E .");
-  EXPECT_EQ(rec_.events, expected);
-}
-
-TEST_F(WalkTest, StopCodeFromADirectoryEndsTheWalkBeforeEnteringIt) {
-  sandbox_.write("one/a");
-  sandbox_.write("two/b");
-  sandbox_.write("three/c");
-  EXPECT_EQ(walk(sandbox_.path(), /*files=*/false), 0);
-  ASSERT_EQ(rec_.only('D').size(), 4u);
-  const std::string second = rec_.only('D')[1];
-
-  rec_ = Recorder{};
-  rec_.stop_at = second;
-  rec_.stop_code = 1;
-  EXPECT_EQ(walk(sandbox_.path()), kFsStopped);
-  EXPECT_THAT(rec_.only('D'), ElementsAre(".", second));
-  EXPECT_THAT(rec_.only('F'), IsEmpty());
-  EXPECT_EQ(rec_.events.back(), "E .");
-}
-
-TEST_F(WalkTest, UnreadableDirectoryStopsTheWholeWalk) {
-  sandbox_.write("a/x");
-  sandbox_.write("b/y");
-  EXPECT_EQ(walk(sandbox_.path(), false), 0);
-  const std::vector<std::string> dirs = rec_.only('D');
-  ASSERT_EQ(dirs.size(), 3u);
-  // The last directory read at the top is the first one entered. Emptied, it
-  // can be removed when it is reported, so that opening it fails.
-  const std::string doomed = dirs[2];
-  ASSERT_TRUE(std::filesystem::remove(sandbox_ / (doomed + (doomed == "a" ? "/x" : "/y"))));
-
-  rec_ = Recorder{};
-  rec_.remove_at = doomed;
-  EXPECT_EQ(walk(sandbox_.path()), kFsErrPath);
-  EXPECT_THAT(rec_.only('D'), ElementsAre(".", dirs[1], doomed));
-  EXPECT_THAT(rec_.only('F'), IsEmpty());
-  EXPECT_EQ(rec_.events.back(), "E .");
-}
-
-// Long paths: built a component at a time, since no single call may name a
-// path of more than 4095 characters.
-class LongPathTest : public WalkTest {
- protected:
-  // A directory below the sandbox whose path is exactly length characters.
-  std::string makeDirectoryOfLength(std::size_t length) {
-    std::string path = sandbox_.path();
-    while (path.size() < length) {
-      std::size_t room = length - path.size() - 1;                  // after the '/'
-      if (room > 200) room = std::min<std::size_t>(200, room - 2);  // leave >= 2 for the last
-      path += "/" + std::string(room, 'n');
-      EXPECT_EQ(::mkdir(path.c_str(), 0700), 0) << path.size();
-    }
-    EXPECT_EQ(path.size(), length);
-    return path;
+  for (const std::string& stop : {*first_file, "D " + dirs[2]}) {
+    rec_.stop_at = stop.substr(2);
+    rec_.stop_code = 7;
+    EXPECT_EQ(walk(sandbox_.path()), 7);
+    Events expected(all.begin(), std::find(all.begin(), all.end(), stop) + 1);
+    expected.push_back("E .");
+    EXPECT_EQ(rec_.events, expected);
   }
-};
-
-TEST_F(LongPathTest, DirectoryOf4095CharactersIsRefused) {
-  const std::string dir = makeDirectoryOfLength(4095);
-  EXPECT_EQ(walk(dir), kFsErrPath);
-  EXPECT_THAT(rec_.events, ElementsAre("D .", "E ."));
-
-  // Met during a walk from above, it ends the walk after it was reported.
-  rec_ = Recorder{};
-  EXPECT_EQ(walk(sandbox_.path(), /*files=*/false), kFsErrPath);
-  EXPECT_EQ(rec_.events.back(), "E .");
-  EXPECT_EQ(rec_.only('D').back().size(), dir.size() - sandbox_.path().size() - 1);
+  // The directory entered first is emptied, and removed as it is reported.
+  rec_.stop_at.clear();
+  rec_.remove_dirs = true;
+  for (const auto& f : fs::directory_iterator(sandbox_ / dirs[3])) fs::remove(f.path());
+  EXPECT_EQ(walk(sandbox_.path()), kFsErrPath);
+  EXPECT_EQ(rec_.events, (Events{"D .", "D " + dirs[1], "D " + dirs[2], "D " + dirs[3], "E ."}));
 }
 
-TEST_F(LongPathTest, NamesBelowA4094CharacterDirectoryAreCutAt4096) {
-  const std::string dir = makeDirectoryOfLength(4094);
+// No single call may name a path of more than 4095 characters: long paths
+// are made a component at a time.
+std::string makeDirectoryOfLength(std::string path, std::size_t length) {
+  while (path.size() < length) {
+    const std::size_t room = length - path.size() - 1;
+    path += "/" + std::string(room > 200 ? std::min<std::size_t>(200, room - 2) : room, 'n');
+    EXPECT_EQ(::mkdir(path.c_str(), 0700), 0) << path.size();
+  }
+  return path;
+}
+
+TEST_F(WalkTest, DirectoryOf4095CharactersIsRefusedAndNamesBelow4094AreCutAt4096) {
+  sandbox_.mkdirs("a");
+  sandbox_.mkdirs("b");
+  const std::string refused = makeDirectoryOfLength(sandbox_ / "a", 4095);
+  EXPECT_EQ(walk(refused), kFsErrPath);
+  EXPECT_THAT(rec_.events, ElementsAre("D .", "E ."));
+  EXPECT_EQ(walk(sandbox_ / "a", false), kFsErrPath);
+  EXPECT_EQ(rec_.only('D').back().size(), refused.size() - (sandbox_ / "a").size() - 1);
+
+  const std::string dir = makeDirectoryOfLength(sandbox_ / "b", 4094);
   FileDescriptor dir_fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_TRUE(dir_fd);
-  FileDescriptor file(::openat(dir_fd.get(), "fg", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  ASSERT_TRUE(file);
-  file.reset();
+  ASSERT_TRUE(FileDescriptor(::openat(dir_fd.get(), "fg", O_WRONLY | O_CREAT | O_CLOEXEC, 0600)));
+  EXPECT_EQ(walk(dir), 0);
+  EXPECT_THAT(rec_.events, ElementsAre("D .", "F f", "E ."));
+  EXPECT_EQ(::unlinkat(dir_fd.get(), "fg", 0), 0);  // the sandbox's cleanup cannot name it
+}
 
-  std::vector<std::string> seen;
-  auto on_file = [](const char* path, void* data) {
-    static_cast<std::vector<std::string>*>(data)->push_back(path);
-    return 0;
+TEST(PathHelpers, IsUnderAndDirName) {
+  const struct {
+    const char *prefix, *path;
+    bool under;
+  } under[] = {
+      {"/a", "/a", true},    {"/a", "/a/b", true},     {"/a/b", "/a/b/c/d", true}, {"/a", "/ab", false},
+      {"/a/b", "/a", false}, {"/a/b", "/a/c", false},  {"/a/", "/a/b", false},     {"/a/", "/a/", true},
+      {"", "/x", true},      {"", "", true},           {"", "x", false},           {nullptr, "/a", false},
   };
-  EXPECT_EQ(fsWalkTree(dir.c_str(), on_file, nullptr, nullptr, &seen, true), 0);
-  EXPECT_THAT(seen, ElementsAre(dir + "/f"));
-  // The tree's cleanup cannot name this file; remove it here.
-  EXPECT_EQ(::unlinkat(dir_fd.get(), "fg", 0), 0);
-}
+  for (const auto& c : under)
+    EXPECT_EQ(fsPathIsUnder(c.prefix, c.path), c.under) << (c.prefix ? c.prefix : "null") << " " << c.path;
 
-TEST(PathIsUnder, MatchesTheSamePathOrAPathBelow) {
-  EXPECT_TRUE(fsPathIsUnder("/a", "/a"));
-  EXPECT_TRUE(fsPathIsUnder("/a", "/a/b"));
-  EXPECT_TRUE(fsPathIsUnder("/a/b", "/a/b/c/d"));
-  EXPECT_FALSE(fsPathIsUnder("/a", "/ab"));
-  EXPECT_FALSE(fsPathIsUnder("/a/b", "/a"));
-  EXPECT_FALSE(fsPathIsUnder("/a/b", "/a/c"));
-  // A trailing '/' on the prefix matches only itself.
-  EXPECT_FALSE(fsPathIsUnder("/a/", "/a/b"));
-  EXPECT_TRUE(fsPathIsUnder("/a/", "/a/"));
-  // The empty prefix is the root of every absolute path.
-  EXPECT_TRUE(fsPathIsUnder("", "/x"));
-  EXPECT_TRUE(fsPathIsUnder("", ""));
-  EXPECT_FALSE(fsPathIsUnder("", "x"));
-}
-
-TEST(DirName, WritesThePartBeforeTheLastSlash) {
-  char dest[16];
-  EXPECT_EQ(fsDirName("/var/uuidmount/p1", dest, sizeof dest - 1), 0);
-  EXPECT_STREQ(dest, "/var/uuidmount");
-  EXPECT_EQ(fsDirName("/x", dest, 1), 0);
-  EXPECT_STREQ(dest, "");
-  EXPECT_EQ(fsDirName("/a/b/", dest, 8), 0);
-  EXPECT_STREQ(dest, "/a/b");
-  EXPECT_EQ(fsDirName("rel/name", dest, 8), 0);
-  EXPECT_STREQ(dest, "rel");
-}
-
-TEST(DirName, RejectsBadArgumentsAndShortDestinations) {
-  char dest[8];
-  EXPECT_EQ(fsDirName("noslash", dest, 7), kFsErrInvalid);
-  EXPECT_EQ(fsDirName(nullptr, dest, 7), kFsErrInvalid);
+  const struct {
+    const char* path;
+    std::size_t size;
+    int result;
+    const char* parent;
+  } dir_names[] = {
+      {"/var/uuidmount/p1", 15, 0, "/var/uuidmount"}, {"/x", 1, 0, ""}, {"/a/b/", 8, 0, "/a/b"},
+      {"rel/name", 8, 0, "rel"}, {"/abcd/e", 5, 0, "/abcd"},  // exactly size long: dest[size] ends it
+      {"/abcd/e", 4, kFsErrTooSmall, nullptr}, {"noslash", 7, kFsErrInvalid, nullptr},
+      {nullptr, 7, kFsErrInvalid, nullptr}, {"/a/b", 0, kFsErrInvalid, nullptr},
+  };
+  for (const auto& c : dir_names) {
+    char dest[16];
+    std::memset(dest, 'z', sizeof dest);
+    EXPECT_EQ(fsDirName(c.path, dest, c.size), c.result) << (c.path ? c.path : "null");
+    if (c.parent) {
+      EXPECT_STREQ(dest, c.parent);
+      EXPECT_EQ(dest[std::strlen(c.parent) + 1], 'z') << "written beyond the terminator";
+    }
+  }
   EXPECT_EQ(fsDirName("/a/b", nullptr, 7), kFsErrInvalid);
-  EXPECT_EQ(fsDirName("/a/b", dest, 0), kFsErrInvalid);
-  EXPECT_EQ(fsDirName("/abcd/e", dest, 4), kFsErrTooSmall);
-  // A parent exactly size long fits: it is terminated at dest[size].
-  std::memset(dest, 'z', sizeof dest);
-  EXPECT_EQ(fsDirName("/abcd/e", dest, 5), 0);
-  EXPECT_STREQ(dest, "/abcd");
-  EXPECT_EQ(dest[6], 'z');
 }
 
 }  // namespace

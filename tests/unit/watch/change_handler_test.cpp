@@ -1,147 +1,164 @@
+// The change handling on the clock's boundaries, against a real tag store:
+// directories settle after 3 quiet seconds and the last close, deletes wait
+// as long, moves apply at once.
 #include "watch/change_handler.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "common/fs_error.h"
 #include "tests/unit/kord/kord_fixture.h"
-#include "tests/unit/watch/fakes.h"
 
 namespace zibd {
 namespace {
 
 using Requests = std::vector<std::pair<std::string, uint32_t>>;
+using Paths = std::vector<std::string>;
+
+class RecordingScans : public ScanRequests {
+ public:
+  void enqueue(const std::string& path, uint32_t kind) override { requests.emplace_back(path, kind); }
+  Requests requests;
+};
+
+class FakeStorage : public StorageQueries {
+ public:
+  bool storageReady() const override { return ready; }
+  bool pathIsOnPartition(const std::string&) const override { return true; }
+  std::optional<std::string> managedPartitionPath() const override { return managed; }
+  void sendChangeEvent(const std::string& path) override { events.push_back(path); }
+  void markInitialScanDone() override {}
+  bool ready = true;
+  std::optional<std::string> managed;
+  Paths events;
+};
+
+constexpr uint32_t kCreatedFile = FS_CHANGE_CREATED | FS_CHANGE_FILE;
+constexpr uint32_t kWrittenFile = FS_CHANGE_WRITTEN | FS_CHANGE_FILE;
+constexpr uint32_t kDeletedFile = FS_CHANGE_DELETED | FS_CHANGE_FILE;
 
 class ChangeHandlerTest : public test::KordTest {
  protected:
   void SetUp() override {
     KordTest::SetUp();
     configure();
-    sandbox_.mkdirs("uuidmount/p1/Media/music");
-    sandbox_.mkdirs("uuidmount/p1/other");
   }
-
-  int notice(const std::string& path, uint32_t flags, const char* old_path = nullptr) {
-    return handler_.fsHandleChange(path.c_str(), old_path, flags);
+  int notice(const std::string& relative, uint32_t flags, const std::string& old_relative = "") {
+    return handler_.fsHandleChange(at(relative).c_str(), old_relative.empty() ? nullptr : at(old_relative).c_str(),
+                                   flags);
   }
-  // Lets `seconds` pass and runs one flush.
   void flushAfter(std::time_t seconds) {
-    clock_.seconds += seconds;
+    now_ += seconds;
     handler_.fsFlushChanges();
   }
 
-  test::FakeScans scans_;
-  test::FakeStorage storage_;
-  test::FakeClock clock_;
-  ChangeHandler handler_{scans_, storage_, clock_.clock()};
+  RecordingScans scans_;
+  FakeStorage storage_;
+  std::time_t now_ = 1700000000;
+  ChangeHandler handler_{scans_, storage_, [this] { return now_; }};
 };
 
 TEST_F(ChangeHandlerTest, DirectoryGoesToTheScannerAfterThreeQuietSecondsAndTheLastClose) {
-  const std::string dir = at("p1/Media/music");
   for (int i = 0; i < 10; ++i) {
-    const std::string file = dir + "/" + std::to_string(i) + ".mp3";
-    EXPECT_EQ(notice(file, FS_CHANGE_CREATED | FS_CHANGE_FILE), kFsOk);
+    const std::string file = "p1/Media/" + std::to_string(i) + ".mp3";
+    EXPECT_EQ(notice(file, kCreatedFile), kFsOk);
     flushAfter(2);
-    EXPECT_EQ(notice(file, FS_CHANGE_WRITTEN | FS_CHANGE_FILE), kFsOk);
+    EXPECT_EQ(notice(file, kWrittenFile), kFsOk);
   }
-  ASSERT_EQ(handler_.pendingChanges().size(), 1u);
+  EXPECT_EQ(handler_.pendingChanges().size(), 1u);
   flushAfter(2);
-  EXPECT_TRUE(scans_.requests().empty());
+  EXPECT_TRUE(scans_.requests.empty());
   flushAfter(1);
-  EXPECT_EQ(scans_.requests(), (Requests{{dir, kScanChangedDirectory}}));
-  EXPECT_EQ(storage_.events, std::vector<std::string>{dir});
+  EXPECT_EQ(scans_.requests, (Requests{{at("p1/Media"), kScanChangedDirectory}}));
+  EXPECT_EQ(storage_.events, Paths{at("p1/Media")});
   flushAfter(10);
-  EXPECT_EQ(scans_.requests().size(), 1u);
-  EXPECT_TRUE(handler_.pendingChanges().empty());
+  EXPECT_EQ(scans_.requests.size(), 1u);
 }
 
 TEST_F(ChangeHandlerTest, OpenFileHoldsItsDirectoryUntilSomeFileIsClosed) {
-  const std::string dir = at("p1/other");
-  notice(dir + "/open.mp3", FS_CHANGE_CREATED | FS_CHANGE_FILE);
-  // A subdirectory created elsewhere only needs its quiet seconds.
-  notice(at("p1/Media/new"), FS_CHANGE_CREATED | FS_CHANGE_DIR);
+  notice("p1/other/open.mp3", kCreatedFile);
+  notice("p1/Media/new", FS_CHANGE_CREATED | FS_CHANGE_DIR);  // needs only its quiet seconds
   flushAfter(60);
-  EXPECT_EQ(scans_.requests(), (Requests{{at("p1/Media"), kScanChangedDirectory}}));
-  notice(dir + "/open.mp3", FS_CHANGE_DELETED | FS_CHANGE_FILE);
+  EXPECT_EQ(scans_.requests, (Requests{{at("p1/Media"), kScanChangedDirectory}}));
+  notice("p1/other/open.mp3", kDeletedFile);
   flushAfter(60);
-  EXPECT_EQ(scans_.requests().size(), 1u);
-  ASSERT_EQ(handler_.pendingChanges().size(), 1u);
-  EXPECT_TRUE(handler_.pendingChanges()[0].waiting_for_close);
-  notice(dir + "/other.mp3", FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
+  EXPECT_EQ(scans_.requests.size(), 1u);
+  notice("p1/other/other.mp3", kWrittenFile);
   flushAfter(3);
-  EXPECT_EQ(scans_.requests().back(), std::make_pair(dir, uint32_t{kScanChangedDirectory}));
+  EXPECT_EQ(scans_.requests.back(), std::make_pair(at("p1/other"), uint32_t{kScanChangedDirectory}));
 }
 
 TEST_F(ChangeHandlerTest, DeletedDirectoryLeavesTheTagStoreOnceWithItsContents) {
-  const std::string dir = at("p1/Media/album");
-  for (const char* f : {"a.mp3", "sub/b.mp3"}) tag(dir + "/" + f, {{".s.hash", "1"}});
-  tag(at("p1/Media/keep.mp3"), {{".s.hash", "2"}});
-  notice(dir + "/a.mp3", FS_CHANGE_DELETED | FS_CHANGE_FILE);
-  notice(dir + "/sub/b.mp3", FS_CHANGE_DELETED | FS_CHANGE_FILE);
-  notice(dir + "/sub", FS_CHANGE_DELETED | FS_CHANGE_DIR);
-  notice(dir, FS_CHANGE_DELETED | FS_CHANGE_DIR);
-  EXPECT_EQ(handler_.pendingDeletes(), std::vector<std::string>{dir});
+  for (const char* f : {"p1/Media/album/a.mp3", "p1/Media/album/sub/b.mp3", "p1/Media/keep.mp3"})
+    tag(at(f), {{".s.hash", "1"}});
+  notice("p1/Media/album/a.mp3", kDeletedFile);
+  notice("p1/Media/album/sub/b.mp3", kDeletedFile);
+  notice("p1/Media/album/sub", FS_CHANGE_DELETED | FS_CHANGE_DIR);
+  notice("p1/Media/album", FS_CHANGE_DELETED | FS_CHANGE_DIR);
+  EXPECT_EQ(handler_.pendingDeletes(), Paths{at("p1/Media/album")});
   flushAfter(2);
-  EXPECT_EQ(files(dir).size(), 2u);
+  EXPECT_EQ(files(at("p1/Media/album")).size(), 2u);
   flushAfter(1);
-  EXPECT_TRUE(files(dir).empty());
-  EXPECT_EQ(files(at("p1")), std::vector<std::string>{at("p1/Media/keep.mp3")});
-  EXPECT_EQ(storage_.events, std::vector<std::string>{at("p1/Media")});
+  EXPECT_EQ(files(at("p1")), Paths{at("p1/Media/keep.mp3")});
+  EXPECT_EQ(storage_.events, Paths{at("p1/Media")});
   EXPECT_TRUE(handler_.pendingDeletes().empty());
 }
 
 TEST_F(ChangeHandlerTest, BadNoticesAreRefusedAndNothingIsKeptWithoutStorage) {
-  EXPECT_EQ(notice("relative.mp3", FS_CHANGE_CREATED | FS_CHANGE_FILE), kFsErrInvalid);
-  EXPECT_EQ(notice(at("p1/x.mp3"), FS_CHANGE_MOVED | FS_CHANGE_FILE), kFsErrInvalid);
+  EXPECT_EQ(handler_.fsHandleChange("relative.mp3", nullptr, kCreatedFile), kFsErrInvalid);
+  EXPECT_EQ(notice("p1/x.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE), kFsErrInvalid);
   EXPECT_TRUE(handler_.pendingChanges().empty());
-  EXPECT_TRUE(handler_.pendingDeletes().empty());
 
   tag(at("p1/gone.mp3"), {{".s.hash", "1"}});
-  notice(at("p1/gone.mp3"), FS_CHANGE_DELETED | FS_CHANGE_FILE);
-  notice(at("p1/other/new.mp3"), FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
+  notice("p1/gone.mp3", kDeletedFile);
+  notice("p1/other/new.mp3", kWrittenFile);
   storage_.ready = false;
   flushAfter(0);
   storage_.ready = true;
   flushAfter(10);
-  EXPECT_TRUE(scans_.requests().empty());
-  EXPECT_EQ(files(at("p1")), std::vector<std::string>{at("p1/gone.mp3")});
+  EXPECT_TRUE(scans_.requests.empty());
+  EXPECT_EQ(files(at("p1")), Paths{at("p1/gone.mp3")});
 }
 
 TEST_F(ChangeHandlerTest, MovesApplyAtOnceAndCarryPendingDirectories) {
   tag(at("p1/other/a.mp3"), {{".s.hash", "7"}});
-  EXPECT_EQ(notice(at("p1/Media/a.mp3"), FS_CHANGE_MOVED | FS_CHANGE_FILE, at("p1/other/a.mp3").c_str()), 0);
+  EXPECT_EQ(notice("p1/Media/a.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE, "p1/other/a.mp3"), 0);
   EXPECT_EQ(getTag(at("p1/Media/a.mp3"), ".s.hash"), "7");
-  EXPECT_EQ(storage_.events, (std::vector<std::string>{at("p1/Media"), at("p1/other")}));
+  EXPECT_EQ(storage_.events, (Paths{at("p1/Media"), at("p1/other")}));
 
-  notice(at("p1/other/d/x.mp3"), FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
-  notice(at("p1/other/d/e/y.mp3"), FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
-  notice(at("p1/other/dd/z.mp3"), FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
-  notice(at("p1/Media/d"), FS_CHANGE_MOVED | FS_CHANGE_DIR, at("p1/other/d").c_str());
+  for (const char* f : {"p1/other/d/x.mp3", "p1/other/d/e/y.mp3", "p1/other/dd/z.mp3"}) notice(f, kWrittenFile);
+  notice("p1/Media/d", FS_CHANGE_MOVED | FS_CHANGE_DIR, "p1/other/d");
   flushAfter(3);
-  Requests requests = scans_.requests();
-  std::sort(requests.begin(), requests.end());
-  EXPECT_EQ(requests, (Requests{{at("p1/Media/d"), 0}, {at("p1/Media/d/e"), 0}, {at("p1/other/dd"), 0}}));
+  std::sort(scans_.requests.begin(), scans_.requests.end());
+  EXPECT_EQ(scans_.requests, (Requests{{at("p1/Media/d"), 0}, {at("p1/Media/d/e"), 0}, {at("p1/other/dd"), 0}}));
 }
 
 TEST_F(ChangeHandlerTest, MovesAcrossTheManagedMediaTreeAreMarkedInvisible) {
   storage_.managed = at("p1");
-  auto moveTagged = [&](const std::string& from, const std::string& to) {
-    tag(at(from), {{".s.hash", "1"}});
-    notice(at(to), FS_CHANGE_MOVED | FS_CHANGE_FILE, at(from).c_str());
-    return getTag(at(to), ".s.invisible");
+  const struct {
+    const char* from;
+    const char* to;
+    const char* invisible;
+  } cases[] = {
+      {"p1/Media/a.mp3", "p1/other/a.mp3", "1"},  // out of Media
+      {"p1/other/b.mp3", "p1/Media/b.mp3", "1"},  // into Media
+      {"p1/other/c.mp3", "p2/c.mp3", "1"},        // off the partition
+      {"p1/Media/d.mp3", "p1/Media/music/d.mp3", "absent"},
+      {"p1/Media/e.mp3", "p2/e.mp3", "absent"},
+      {"p2/f.mp3", "p2/g.mp3", "absent"},
   };
-  EXPECT_EQ(moveTagged("p1/Media/a.mp3", "p1/other/a.mp3"), "1");    // out of Media
-  EXPECT_EQ(moveTagged("p1/other/b.mp3", "p1/Media/b.mp3"), "1");    // into Media
-  EXPECT_EQ(moveTagged("p1/other/c.mp3", "p2/c.mp3"), "1");          // off the partition
-  EXPECT_EQ(moveTagged("p1/Media/d.mp3", "p1/Media/music/d.mp3"), "absent");
-  EXPECT_EQ(moveTagged("p1/Media/e.mp3", "p2/e.mp3"), "absent");
-  EXPECT_EQ(moveTagged("p2/f.mp3", "p2/g.mp3"), "absent");
-  // A directory is tagged with everything known below it.
+  for (const auto& c : cases) {
+    tag(at(c.from), {{".s.hash", "1"}});
+    notice(c.to, FS_CHANGE_MOVED | FS_CHANGE_FILE, c.from);
+    EXPECT_EQ(getTag(at(c.to), ".s.invisible"), c.invisible) << c.from << " -> " << c.to;
+  }
+  // A directory: everything known below it.
   tag(at("p1/Media/album/t.mp3"), {{".s.hash", "1"}});
-  notice(at("p1/other/album"), FS_CHANGE_MOVED | FS_CHANGE_DIR, at("p1/Media/album").c_str());
+  notice("p1/other/album", FS_CHANGE_MOVED | FS_CHANGE_DIR, "p1/Media/album");
   EXPECT_EQ(getTag(at("p1/other/album/t.mp3"), ".s.invisible"), "1");
 }
 

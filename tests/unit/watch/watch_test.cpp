@@ -1,0 +1,387 @@
+// The watch layer on a real inotify instance: the table of watches, the
+// watcher thread's requests, and the event loop that turns the kernel's
+// events into change notices.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdio.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <initializer_list>
+#include <string>
+#include <thread>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "common/file_descriptor.h"
+#include "common/fs_error.h"
+#include "tests/support/fault_injection.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/wait_for.h"
+#include "watch/event_loop.h"
+#include "watch/watcher_thread.h"
+
+namespace zibd {
+namespace {
+
+using test::Call;
+using test::waitFor;
+using Paths = std::vector<std::string>;
+
+class WatchTest : public test::SandboxTest {
+ protected:
+  void SetUp() override {
+    test::resetFaults();
+    ASSERT_EQ(table_.fsInitWatch(), kFsOk);
+  }
+  void TearDown() override { test::resetFaults(); }
+  std::string at(const std::string& relative) const { return sandbox_ / relative; }
+  void mkdirs(std::initializer_list<const char*> dirs) {
+    for (const char* dir : dirs) sandbox_.mkdirs(dir);
+  }
+  int wd(const std::string& relative) { return table_.descriptorOf(at(relative).c_str()); }
+  Paths watched() {
+    Paths paths = table_.watchedPaths();
+    std::sort(paths.begin(), paths.end());
+    return paths;
+  }
+  bool indexed(int descriptor) {
+    const std::vector<int> all = table_.indexedDescriptors();
+    return std::find(all.begin(), all.end(), descriptor) != all.end();
+  }
+  // The watch descriptor of the next event; -1 when none comes within a second.
+  int nextEventDescriptor() {
+    struct pollfd pfd = {table_.descriptor(), POLLIN, 0};
+    alignas(inotify_event) char buf[4096];
+    if (::poll(&pfd, 1, 1000) != 1 || ::read(pfd.fd, buf, sizeof buf) < 16) return -1;
+    return reinterpret_cast<const inotify_event*>(buf)->wd;
+  }
+
+  std::atomic<int> running_{1};
+  WatchRequestQueue queue_;
+  WatchTable table_{queue_.addAbortedFlag()};
+};
+
+// --- the table ---
+
+using WatchTableTest = WatchTest;
+
+TEST_F(WatchTableTest, TreeAddWatchesEveryVisibleDirectoryOnceAndFindsItByPath) {
+  mkdirs({"m/Artist/Album", "m/Artist/Other", "m/.kord/meta", "m/.hidden"});
+  sandbox_.write("m/Artist/song.mp3");
+  ASSERT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsOk);
+  const Paths all{at("m"), at("m/Artist"), at("m/Artist/Album"), at("m/Artist/Other")};
+  EXPECT_EQ(watched(), all);
+  const int calls = test::callCount(Call::kInotifyAddWatch);
+  EXPECT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsOk);
+  EXPECT_EQ(test::callCount(Call::kInotifyAddWatch), calls) << "a known directory was watched again";
+  EXPECT_EQ(table_.indexedDescriptors().size(), all.size());
+  // A trailing '/' names the same directory; a name that only begins like a
+  // watched one is not it; an ancestor is in the trie without a watch.
+  const int album = wd("m/Artist/Album");
+  EXPECT_GT(album, 0);
+  EXPECT_EQ(wd("m/Artist/Album/"), album);
+  EXPECT_EQ(wd("m/Artist/Albums"), -1);
+  EXPECT_EQ(wd("m/Artist/Alb"), -1);
+  EXPECT_EQ(table_.descriptorOf(sandbox_.path().c_str()), 0);
+  sandbox_.write("m/Artist/Album/new.mp3");
+  EXPECT_EQ(nextEventDescriptor(), album);
+}
+
+TEST_F(WatchTableTest, KordRelativeAndAncestorPaths) {
+  mkdirs({"p/.kord", "p/a/b"});
+  const int calls = test::callCount(Call::kInotifyAddWatch);
+  EXPECT_EQ(table_.fsAddWatch(at("p/.kord").c_str()), kFsOk);
+  EXPECT_EQ(test::callCount(Call::kInotifyAddWatch), calls);
+  // A relative path gets a kernel watch but no record.
+  ASSERT_EQ(::chdir(sandbox_.path().c_str()), 0);
+  EXPECT_EQ(table_.fsAddWatch("p"), kFsErrInvalid);
+  EXPECT_EQ(test::callCount(Call::kInotifyAddWatch), calls + 1);
+  EXPECT_EQ(table_.fsAddWatch(nullptr), kFsErrInvalid);
+  EXPECT_TRUE(table_.watchedPaths().empty());
+  // A child first: its parent stays an ancestor and never gets a watch.
+  EXPECT_EQ(table_.fsAddWatch(at("p/a/b").c_str()), kFsOk);
+  EXPECT_EQ(table_.fsAddWatch(at("p/a").c_str()), kFsOk);
+  EXPECT_EQ(wd("p/a"), 0);
+  EXPECT_EQ(table_.watchedPaths(), Paths{at("p/a/b")});
+}
+
+TEST_F(WatchTableTest, RemoveDropsTheSubtreeFromTableIndexAndKernel) {
+  mkdirs({"m/a/x", "m/b"});
+  ASSERT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsOk);
+  const int a = wd("m/a"), x = wd("m/a/x");
+  EXPECT_EQ(table_.fsRemoveWatch(at("m/nothing").c_str()), kFsErrInvalid);
+  EXPECT_EQ(table_.fsRemoveWatch(at("m/a").c_str()), kFsOk);
+  EXPECT_EQ(watched(), (Paths{at("m"), at("m/b")}));
+  EXPECT_FALSE(indexed(a) || indexed(x));
+  EXPECT_TRUE(indexed(wd("m/b")));
+  EXPECT_EQ(nextEventDescriptor(), a);  // IN_IGNORED: the kernel's watch went
+  EXPECT_EQ(table_.fsRemoveWatch(at("m/a").c_str()), kFsErrInvalid);
+}
+
+TEST_F(WatchTableTest, AnotherRootLevelDirectoryPutsTheOthersOutOfReach) {
+  if (sandbox_.path().rfind("/dev/", 0) == 0) GTEST_SKIP() << "the sandbox lies below /dev";
+  mkdirs({"m", "n"});
+  ASSERT_EQ(table_.fsAddWatch(at("m").c_str()), kFsOk);
+  const int m = wd("m");
+  ASSERT_EQ(table_.fsAddWatch("/dev"), kFsOk);
+  EXPECT_EQ(table_.watchedPaths(), Paths{"/dev"});
+  EXPECT_EQ(wd("m"), -1);
+  EXPECT_TRUE(indexed(m)) << "its events must still find it";
+  // Removing a root-level node empties the trie.
+  ASSERT_EQ(table_.fsAddWatch(at("n").c_str()), kFsOk);
+  EXPECT_EQ(table_.fsRemoveWatch(sandbox_.path().substr(0, sandbox_.path().find('/', 1)).c_str()), kFsOk);
+  EXPECT_TRUE(table_.watchedPaths().empty());
+  EXPECT_TRUE(indexed(m));
+}
+
+TEST_F(WatchTableTest, OutOfWatchesStopsTheTreeAndKeepsWhatIsWatched) {
+  mkdirs({"m/a/a1", "m/b/b1", "m/c", "n/x"});
+  {
+    // The root and two more succeed, then the kernel has no watches left.
+    test::ScopedFault fault(Call::kInotifyAddWatch, ENOSPC, -1, 3);
+    EXPECT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsErrSystem);
+    EXPECT_EQ(table_.watchedPaths().size(), 3u);
+    EXPECT_EQ(table_.indexedDescriptors().size(), 3u);
+  }
+  // A failing root does not stop the walk: the first subdirectory does.
+  test::failCalls(Call::kInotifyAddWatch, ENOSPC, -1);
+  EXPECT_EQ(table_.fsAddWatchTree(at("n").c_str(), true), kFsErrSystem);
+  EXPECT_EQ(test::callCount(Call::kInotifyAddWatch), 2);
+  sandbox_.write("m/file");
+  EXPECT_EQ(nextEventDescriptor(), wd("m"));
+}
+
+TEST(WatchTableInitTest, NoInotifyInstanceLeavesEveryAddFailing) {
+  test::ScopedFault fault(Call::kInotifyInit1, EMFILE);
+  std::atomic<int> aborted{0};
+  WatchTable table(aborted);
+  EXPECT_EQ(table.fsInitWatch(), kFsOk);
+  EXPECT_LT(table.descriptor(), 0);
+  EXPECT_EQ(table.fsAddWatch("/"), kFsErrSystem);
+}
+
+// --- the watcher thread ---
+
+class WatcherTest : public WatchTest {
+ protected:
+  void SetUp() override {
+    WatchTest::SetUp();
+    mkdirs({"p/a/a1", "p/b/b1", "p/c"});
+  }
+  WatcherThread watcher_{queue_, table_, running_};
+};
+
+TEST_F(WatcherTest, RemovalDropsTheQueuedRequestsForItsPath) {
+  queue_.fsQueueAddWatch(at("p"));
+  queue_.fsQueueAddWatch(at("p/c"));
+  queue_.fsQueueRemoveWatch(at("p"));
+  ASSERT_EQ(queue_.queued().size(), 2u);
+  ASSERT_TRUE(watcher_.step());
+  EXPECT_EQ(watched(), Paths{at("p/c")});
+  ASSERT_TRUE(watcher_.step());
+  EXPECT_EQ(watched(), Paths{});
+}
+
+// A removal at or above the tree being added stops the add at its next
+// directory and returns once the add has ended; one below neither stops nor
+// waits for it.
+TEST_F(WatcherTest, RemovalDuringAnAdd) {
+  const struct {
+    std::string removed;
+    bool stops;
+    std::size_t watched_after_add, watched_after_removal;
+  } cases[] = {{at("p"), true, 1, 0}, {sandbox_.path(), true, 1, 0}, {at("p/a"), false, 6, 4}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.removed);
+    queue_.fsQueueAddWatch(at("p"));
+    // While the test holds the table's mutex the add waits in its first
+    // directory. (A thread left running by a failed assertion ends the test
+    // program through std::thread's destructor rather than hang it.)
+    std::unique_lock<Mutex> hold(table_.mutex());
+    std::thread adder([&] { watcher_.step(); });
+    ASSERT_TRUE(waitFor([&] { return queue_.addInProgress(); }));
+    std::atomic<bool> returned{false}, add_over_on_return{false};
+    std::thread remover([&] {
+      queue_.fsQueueRemoveWatch(c.removed);
+      add_over_on_return = !queue_.addInProgress();
+      returned = true;
+    });
+    ASSERT_TRUE(waitFor([&] { return queue_.queued().size() == 1 && (c.stops || returned); }));
+    EXPECT_EQ(queue_.fsWatchAddAborted(), c.stops);
+    hold.unlock();
+    adder.join();
+    ASSERT_TRUE(waitFor([&] { return returned.load(); })) << "the removal never returned";
+    remover.join();
+    EXPECT_EQ(add_over_on_return, c.stops);
+    EXPECT_FALSE(queue_.fsWatchAddAborted());
+    EXPECT_EQ(watched().size(), c.watched_after_add);
+    ASSERT_TRUE(watcher_.step());
+    EXPECT_EQ(watched().size(), c.watched_after_removal);
+  }
+}
+
+TEST_F(WatcherTest, StopEmptiesTheQueueAndEndsTheThread) {
+  queue_.fsQueueAddWatch(at("p"));
+  queue_.fsStopWatcher();
+  EXPECT_TRUE(queue_.queued().empty());
+  EXPECT_EQ(table_.fsAddWatch(at("p").c_str()), kFsStopped);  // until an add finishes
+  queue_.finishAdd();
+  std::atomic<bool> ended{false};
+  std::thread thread([&] {
+    watcher_.run();
+    ended = true;
+  });
+  queue_.fsQueueAddWatch(at("p"));
+  EXPECT_TRUE(waitFor([&] { return watched().size() == 6u; }));
+  running_.store(0);
+  queue_.fsStopWatcher();
+  ASSERT_TRUE(waitFor([&] { return ended.load(); })) << "the thread did not end";
+  thread.join();
+  EXPECT_FALSE(watcher_.step());
+}
+
+// --- the event loop ---
+
+// Records each notice as "<change> file|dir <path>[ from <old path>]", paths
+// relative to the watched tree.
+class RecordingNotices : public ChangeNotices {
+ public:
+  explicit RecordingNotices(std::string tree) : tree_(std::move(tree) + "/") {}
+  int fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) override {
+    std::string n = flags & FS_CHANGE_CREATED   ? "created "
+                    : flags & FS_CHANGE_WRITTEN ? "written "
+                    : flags & FS_CHANGE_DELETED ? "deleted "
+                                                : "moved ";
+    n += (flags & FS_CHANGE_DIR ? "dir " : flags & FS_CHANGE_FILE ? "file " : "") + relative(path);
+    if (old_path) n += " from " + relative(old_path);
+    notices.push_back(n);
+    return 0;
+  }
+  void fsFlushChanges() override { ++flushes; }
+  std::string relative(const std::string& path) const {
+    return path.rfind(tree_, 0) == 0 ? path.substr(tree_.size()) : path;
+  }
+  Paths notices;
+  int flushes = 0;
+
+ private:
+  std::string tree_;
+};
+
+class EventLoopTest : public WatchTest {
+ protected:
+  void SetUp() override {
+    WatchTest::SetUp();
+    mkdirs({"w/x", "w/y", "w/d/sub", "outside/in/deeper"});
+    ASSERT_EQ(table_.fsAddWatchTree(at("w").c_str(), true), kFsOk);
+  }
+  void rename(const std::string& from, const std::string& to) {
+    ASSERT_EQ(::rename(at(from).c_str(), at(to).c_str()), 0) << from;
+  }
+  // Runs passes until pred holds; false after 10 seconds without.
+  template <typename Pred>
+  bool pumpUntil(Pred pred) {
+    return waitFor([&] { return pred() || (loop_.step(), pred()); }, std::chrono::seconds(10),
+                   std::chrono::milliseconds(0));
+  }
+  // The notices so far, taken once a file made after them has been reported
+  // too: inotify keeps the order of events.
+  Paths taken() {
+    const std::string marker = "marker" + std::to_string(markers_++);
+    sandbox_.write("w/" + marker);
+    Paths& seen = notices_.notices;
+    EXPECT_TRUE(pumpUntil([&] { return !seen.empty() && seen.back() == "written file " + marker; }));
+    std::erase_if(seen, [&](const std::string& n) { return n.find(marker) != std::string::npos; });
+    return std::exchange(seen, {});
+  }
+
+  RecordingNotices notices_{at("w")};
+  std::time_t now_ = 1700000000;
+  int markers_ = 0;
+  Pipe termination_ = [] {
+    Pipe pipe;
+    EXPECT_EQ(pipe.open(O_NONBLOCK), 0);
+    return pipe;
+  }();
+  WatchEventLoop loop_{table_, &notices_, termination_.read_end.get(), nullptr, running_, [this] { return now_; }, 20};
+};
+
+TEST_F(EventLoopTest, FilesAndDirectoriesCreatedRenamedAndMoved) {
+  FileDescriptor open_file(::open(at("w/x/a.mp3").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+  ASSERT_TRUE(open_file);
+  EXPECT_EQ(taken(), Paths{"created file x/a.mp3"});
+  open_file.reset();
+  sandbox_.write("w/x/.hidden");
+  sandbox_.write("w/x/.kord/tagdb");
+  EXPECT_EQ(taken(), Paths{"written file x/a.mp3"});
+  EXPECT_GT(notices_.flushes, 0);
+  // A new name: the old one is gone and the new one written. The same name
+  // in another watched directory: one move. A directory takes its watches.
+  rename("w/x/a.mp3", "w/x/b.mp3");
+  EXPECT_EQ(taken(), (Paths{"deleted file x/a.mp3", "written file x/b.mp3"}));
+  rename("w/x/b.mp3", "w/y/b.mp3");
+  EXPECT_EQ(taken(), Paths{"moved file y/b.mp3 from x/b.mp3"});
+  rename("w/d", "w/x/e");
+  sandbox_.write("w/x/e/sub/c.mp3");
+  EXPECT_EQ(taken(), (Paths{"moved dir x/e from d", "created file x/e/sub/c.mp3", "written file x/e/sub/c.mp3"}));
+  EXPECT_EQ(wd("w/d/sub"), -1);
+  EXPECT_EQ(loop_.pendingMoves(), 0u);
+}
+
+TEST_F(EventLoopTest, MovedOutCountsAsDeletedThreeSecondsLater) {
+  sandbox_.write("w/x/a.mp3");
+  taken();
+  rename("w/x/a.mp3", "outside/a.mp3");
+  rename("w/d", "outside/d");
+  ASSERT_TRUE(pumpUntil([&] { return loop_.pendingMoves() == 2; }));
+  EXPECT_EQ(taken(), Paths{});
+  now_ += 2;
+  loop_.step();
+  EXPECT_EQ(notices_.notices, Paths{});
+  now_ += 1;
+  loop_.step();
+  std::sort(notices_.notices.begin(), notices_.notices.end());
+  EXPECT_EQ(notices_.notices, (Paths{"deleted dir d", "deleted file x/a.mp3"}));
+  EXPECT_EQ(wd("w/d/sub"), -1);
+  EXPECT_EQ(loop_.pendingMoves(), 0u);
+}
+
+TEST_F(EventLoopTest, DirectoriesComingAndGoingFollowTheTable) {
+  // Moved in from outside: a watch of its own, none below it.
+  rename("outside/in", "w/in");
+  EXPECT_EQ(taken(), Paths{"created dir in"});
+  EXPECT_GT(wd("w/in"), 0);
+  EXPECT_EQ(wd("w/in/deeper"), -1);
+  // Created: watched at once, so that its files are seen. Deleted: unwatched.
+  sandbox_.mkdirs("w/new");
+  ASSERT_TRUE(pumpUntil([&] { return wd("w/new") > 0; }));
+  sandbox_.write("w/new/a.mp3");
+  ASSERT_EQ(::unlink(at("w/new/a.mp3").c_str()), 0);
+  ASSERT_EQ(::rmdir(at("w/new").c_str()), 0);
+  EXPECT_EQ(taken(), (Paths{"created dir new", "created file new/a.mp3", "written file new/a.mp3",
+                            "deleted file new/a.mp3", "deleted dir new"}));
+  EXPECT_EQ(wd("w/new"), -1);
+}
+
+TEST_F(EventLoopTest, EndsOnTheTerminationPipeOrTheRunningFlag) {
+  EXPECT_TRUE(loop_.step());
+  const char zero = 0;
+  ASSERT_EQ(::write(termination_.write_end.get(), &zero, 1), 1);
+  EXPECT_FALSE(loop_.step());
+  char byte;
+  ASSERT_EQ(::read(termination_.read_end.get(), &byte, 1), 1);
+  EXPECT_TRUE(loop_.step());
+  running_.store(0);
+  EXPECT_FALSE(loop_.step());
+}
+
+}  // namespace
+}  // namespace zibd
