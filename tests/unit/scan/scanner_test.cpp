@@ -25,7 +25,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAreArray;
 
 // A profiler that appends "ARG1|ARG2|VIEW NAME|LINKS" to <its path>.log for each run.
 constexpr char kLoggingProfiler[] =
@@ -200,36 +199,6 @@ TEST_F(ScannerTest, FilesVanishedBeforeMarkingDoNotHoldTheScanner) {
   EXPECT_FALSE(pending(kept));  // its batch-mate is marked all the same
 }
 
-TEST_F(ScannerTest, HostileFileNamesReachTheProfilerIntact) {
-  videoProfiler("for a; do last=$a; done\nfor l in \"$last\"/*; do readlink -z -- \"$l\"; done >> \"$0.names\"\n");
-  std::vector<std::string> paths;
-  for (const std::string& name : {std::string("new\nline.mkv"), std::string("tab\there.mkv"),
-                                  std::string("quotes'\"`.mkv"), std::string("pipe|and;semi.mkv"),
-                                  std::string("$(touch pwned).mkv"), std::string("-leading-dash.mkv"),
-                                  std::string("latin1-\xe9\xff\x80.mkv"), std::string(251, 'L') + ".mkv"})
-    paths.push_back(media("p1/" + name));
-  scan(at("p1"), kScanRuleDirectory);
-  std::vector<std::string> seen;
-  const std::string got = test::readFile(sandbox_ / "prof.names");
-  for (std::size_t start = 0, end; (end = got.find('\0', start)) != std::string::npos; start = end + 1)
-    seen.push_back(got.substr(start, end - start));
-  EXPECT_THAT(seen, UnorderedElementsAreArray(paths));
-  for (const std::string& path : paths) EXPECT_FALSE(pending(path)) << path;
-  EXPECT_FALSE(std::filesystem::exists(sandbox_ / "pwned"));
-}
-
-TEST_F(ScannerTest, ManagedPartitionHidesWhatLiesOutsideItsMediaDirectory) {
-  storage_.managed = at("p1");
-  rules_.rules[at("p2")] = kCategoryMovies;
-  const std::string inside = media("p1/Media/a.mkv"), outside = media("p1/Other/b.mkv"), elsewhere = media("p2/c.mkv");
-  scan(at("p1/Other"), kScanRuleDirectory);
-  scan(at("p1"), kScanRuleDirectory);
-  scan(at("p2"), kScanRuleDirectory);
-  EXPECT_EQ(getTag(inside, kTagInvisible), "0");
-  EXPECT_EQ(getTag(outside, kTagInvisible), "1");
-  EXPECT_EQ(getTag(elsewhere, kTagInvisible), "0");
-}
-
 TEST_F(ScannerTest, StopBelowKillsTheProfilerAndReturnsOnceTheScannerIsIdle) {
   // Video is visited first (records are in reverse line order).
   loadMap("mp3:STDAUDIO:" + script("aprof", kLoggingProfiler) + ":\nmkv:STDVIDEO:" + script("hang", kHangingProfiler) +
@@ -248,22 +217,6 @@ TEST_F(ScannerTest, StopBelowKillsTheProfilerAndReturnsOnceTheScannerIsIdle) {
   EXPECT_THAT(logOf("aprof"), IsEmpty());
   EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 0);  // the stopped type
   EXPECT_EQ(typeRecord("STDAUDIO").pending_count, 1);  // the one not reached
-}
-
-TEST_F(ScannerTest, ShutdownDuringAProfilerRunKillsItAndEndsTheThread) {
-  loadMap("mkv:STDVIDEO:" + script("hang", kHangingProfiler) + ":\n");
-  const std::string film = media("p1/a.mkv");
-  queue_.enqueue(at("p1"), kScanRuleDirectory);
-  const pid_t profiler = startHanging();
-  ASSERT_GT(profiler, 0);
-  running_ = 0;
-  state_.stopScanner();
-  scanner_.join();
-  started_ = false;
-  EXPECT_EQ(::kill(profiler, 0), -1);
-  EXPECT_TRUE(pending(film));
-  EXPECT_EQ(queue_.size(), 0U);
-  EXPECT_TRUE(noChildLeft());
 }
 
 TEST(ScannerStateTest, StopWaitsUntilTheScannerHasEnded) {

@@ -28,42 +28,18 @@ void InProcessBroker::stop() {
 }
 
 std::optional<rill::Reply> InProcessBroker::call(rill::Op op, const std::string& path, std::optional<std::string> name,
-                                                 std::optional<std::string> value) {
-  rill::Request r;
-  r.op = op;
-  r.path = path;
-  r.name = std::move(name);
-  r.value = std::move(value);
+                                                 std::optional<std::string> value, const Params& params) {
+  rill::Request request;
+  request.op = op;
+  request.path = path;
+  request.name = std::move(name);
+  request.value = std::move(value);
+  request.params = params;
   rill::Client client;
   if (!client.connect("test-tools", socket_path_)) return std::nullopt;
-  auto reply = client.call(std::move(r));
+  auto reply = client.call(std::move(request));
   if (reply && reply->status != rill::Status::kOk) return std::nullopt;
   return reply;
-}
-
-bool InProcessBroker::add(const std::string& object,
-                          const std::vector<std::pair<std::string, std::string>>& params) {
-  rill::Request r;
-  r.op = rill::Op::kAddObject;
-  r.path = object;
-  r.params = params;
-  rill::Client client;
-  if (!client.connect("test-tools", socket_path_)) return false;
-  auto reply = client.call(std::move(r));
-  return reply && reply->status == rill::Status::kOk;
-}
-
-bool InProcessBroker::del(const std::string& object) { return call(rill::Op::kDelObject, object).has_value(); }
-
-bool InProcessBroker::set(const std::string& object, const std::string& param, const std::string& value) {
-  return call(rill::Op::kSetValue, object, param, value).has_value();
-}
-
-std::optional<std::string> InProcessBroker::get(const std::string& object, const std::string& param) {
-  if (auto reply = call(rill::Op::kGetValues, object))
-    for (const auto& item : reply->items)
-      if (item.name == param) return item.value;
-  return std::nullopt;
 }
 
 std::vector<std::string> InProcessBroker::history(const std::string& object, const std::string& param) {
@@ -71,11 +47,6 @@ std::vector<std::string> InProcessBroker::history(const std::string& object, con
   if (auto reply = call(rill::Op::kHistory, object, param))
     for (const auto& item : reply->items) values.push_back(item.value.value_or(""));
   return values;
-}
-
-int64_t InProcessBroker::refcount(const std::string& object) {
-  auto reply = call(rill::Op::kRefcount, object);
-  return reply ? reply->number : -1;
 }
 
 void StorageTest::SetUp() {

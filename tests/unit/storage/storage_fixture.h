@@ -33,11 +33,10 @@ class FakeWatchRequests : public WatchRequests {
   std::vector<std::string> calls;
 };
 
-class FakeScanner : public ScannerControl {
+class NoScanner : public ScannerControl {
  public:
-  void stopBelow(const std::string& path) override { calls.push_back("stopBelow " + path); }
-  void stopAll() override { calls.push_back("stopAll"); }
-  std::vector<std::string> calls;
+  void stopBelow(const std::string&) override {}
+  void stopAll() override {}
 };
 
 class FakeScanRequests : public ScanRequests {
@@ -54,29 +53,33 @@ class FakeScanRequests : public ScanRequests {
   std::vector<std::pair<std::string, uint32_t>> requests GUARDED_BY(mutex);
 };
 
-// The broker and the tools of the other services on the bus.
+// The broker and, as rillctl, the tools of the other services on the bus.
 class InProcessBroker {
  public:
   InProcessBroker(const std::string& socket_path, const std::string& model, size_t max_subscriptions);
   ~InProcessBroker() { stop(); }
-  InProcessBroker(const InProcessBroker&) = delete;
-  InProcessBroker& operator=(const InProcessBroker&) = delete;
 
-  // As rillctl add / del / set; true when the broker said yes.
-  bool add(const std::string& object, const std::vector<std::pair<std::string, std::string>>& params);
-  bool del(const std::string& object);
-  bool set(const std::string& object, const std::string& param, const std::string& value);
-  std::optional<std::string> get(const std::string& object, const std::string& param);
+  using Params = std::vector<std::pair<std::string, std::string>>;
+  // The broker's reply, or none when it could not be reached or said no.
+  std::optional<rill::Reply> call(rill::Op op, const std::string& path, std::optional<std::string> name = {},
+                                  std::optional<std::string> value = {}, const Params& params = {});
+  bool add(const std::string& object, const Params& params) {
+    return call(rill::Op::kAddObject, object, {}, {}, params).has_value();
+  }
+  bool del(const std::string& object) { return call(rill::Op::kDelObject, object).has_value(); }
+  bool set(const std::string& object, const std::string& param, const std::string& value) {
+    return call(rill::Op::kSetValue, object, param, value).has_value();
+  }
   // Every value clients wrote to the parameter, oldest first.
   std::vector<std::string> history(const std::string& object, const std::string& param);
-  int64_t refcount(const std::string& object);
+  int64_t refcount(const std::string& object) {
+    auto reply = call(rill::Op::kRefcount, object);
+    return reply ? reply->number : -1;
+  }
   // The broker goes away: every connection to it ends.
   void stop();
 
  private:
-  std::optional<rill::Reply> call(rill::Op op, const std::string& path, std::optional<std::string> name = {},
-                                  std::optional<std::string> value = {});
-
   std::string socket_path_;
   std::unique_ptr<rill::Broker> broker_;
   std::thread thread_;
@@ -103,7 +106,7 @@ class StorageTest : public SandboxTest {
   std::string root_;
   StorageConfig config_;
   FakeWatchRequests watches_;
-  FakeScanner scanner_;
+  NoScanner scanner_;
   std::unique_ptr<InProcessBroker> broker_;
   std::unique_ptr<StorageModel> model_;
   rill_conn_t* conn_ = nullptr;
