@@ -52,12 +52,7 @@ void BusTest::SetUp() {
 }
 
 void BusTest::TearDown() {
-  for (rill_conn_t* conn : conns_) {
-    rill_invoke_unregister(conn);
-    rill_ctx_reset(conn);
-    rill_ctx_free(conn);
-  }
-  conns_.clear();
+  while (!conns_.empty()) disconnect(conns_.back());
   broker_.reset();
 }
 
@@ -114,40 +109,29 @@ int BusTest::set(rill_conn_t* conn, const char* object, const char* param, const
   return rc;
 }
 
-namespace {
-
-struct Recorder {
-  rill_conn_t* conn;
-  std::vector<Event>* events;
-  std::vector<Flat>* read_back;
-  const bool* read_back_on_add;
-};
-
-int record(rill_notification_t* n, void* context) {
-  auto* r = static_cast<Recorder*>(context);
+// The notification callback of subscribe(): context is {test, connection}.
+int BusTest::record(rill_notification_t* n, void* context) {
+  auto [test, conn] = *static_cast<std::pair<BusTest*, rill_conn_t*>*>(context);
   Event event{rill_notification_get_type(n), rill_notification_get_subid(n), flatten(rill_notification_get_items(n))};
-  if (*r->read_back_on_add && event.type == RILL_EVENT_OBJECT_ADDED) {
-    for (const Flat& item : event.items) {
-      int error = -1;
-      cs_find_parameters_of_obj_instances(r->conn, item.path.c_str(), 0, 2, collect, r->read_back, &error);
-      EXPECT_EQ(error, 0) << item.path;
-    }
+  for (const Flat& item : event.items) {
+    if (!test->read_back_on_add_ || event.type != RILL_EVENT_OBJECT_ADDED) break;
+    int error = -1;
+    cs_find_parameters_of_obj_instances(conn, item.path.c_str(), 0, 2, collect, &test->seen_in_callback_, &error);
+    EXPECT_EQ(error, 0) << item.path;
   }
-  r->events->push_back(std::move(event));
+  test->events_.push_back(std::move(event));
   return 0;
 }
 
-}  // namespace
-
 std::vector<uint32_t> BusTest::subscribe(
     rill_conn_t* conn, const std::vector<std::tuple<const char*, const char*, unsigned>>& requests) {
-  auto recorder = std::make_shared<Recorder>(Recorder{conn, &events_, &seen_in_callback_, &read_back_on_add_});
-  callback_contexts_.push_back(recorder);
+  auto context = std::make_shared<std::pair<BusTest*, rill_conn_t*>>(this, conn);
+  callback_contexts_.push_back(context);
   rill_ccmd_t cmd{};
   for (const auto& [path, param, mask] : requests)
     EXPECT_EQ(rill_ccmd_add_subscribe_request(conn, &cmd, path, param, 0, mask), 0) << path;
   std::vector<uint32_t> ids;
-  EXPECT_EQ(rill_invoke_ccmd_subscribe(conn, &cmd, 0, record, recorder.get()), 0);
+  EXPECT_EQ(rill_invoke_ccmd_subscribe(conn, &cmd, 0, record, context.get()), 0);
   for (const Flat& answer : flatten(rill_ccmd_get_answers(&cmd))) {
     EXPECT_EQ(answer.error, 0) << answer;
     ids.push_back(static_cast<uint32_t>(std::stoul(answer.value)));

@@ -72,6 +72,8 @@ class BusTest : public SandboxTest {
   // Dispatches conn's notifications until events_ holds at least count.
   bool awaitEvents(rill_conn_t* conn, size_t count);
 
+  static int record(rill_notification_t* n, void* context);
+
   std::string socket_;
   Env broker_env_;  // added to env() for the broker only
   std::unique_ptr<Process> broker_;
