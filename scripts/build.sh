@@ -22,8 +22,9 @@ case "$variant" in
         targets=(--target fuzz_all) ;;
   tsan) args+=(-DZIBD_SANITIZE=thread -DZIBD_BUILD_BENCH=OFF) ;;
   mips)
-    # The target's SQLite, built once from Debian's source into a cache.
-    sqlite=$PWD/build/mips-deps/sqlite
+    # The target's SQLite, built once from Debian's source into a cache that
+    # outlives the checkout (keyed on its recipe, so a changed recipe rebuilds).
+    sqlite=${ZIBD_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zibd}/mips-sqlite
     scripts/mips-sqlite.sh "$sqlite"
     # Host programs beside it, for the tests that cross the byte order: kordctl
     # hands tag databases between the two (tests/system/kordctl_cross); rilld,

@@ -3,7 +3,7 @@
 # package and keeps it in a cache, so that later runs neither fetch nor
 # rebuild it:
 #
-#   scripts/mips-sqlite.sh [CACHE]      (default: build/mips-deps/sqlite)
+#   scripts/mips-sqlite.sh [CACHE]      (default: ~/.cache/zibd/mips-sqlite)
 #
 # Afterwards CACHE holds
 #   lib/libsqlite3.a     the library, compiled by mips-linux-gnu-gcc through
@@ -21,7 +21,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
 
-cache=${1:-build/mips-deps/sqlite}
+cache=${1:-${ZIBD_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zibd}/mips-sqlite}
 mkdir -p "$cache"
 cache=$(cd "$cache" && pwd)
 log() { echo "mips-sqlite: $*" >&2; }

@@ -1,13 +1,20 @@
 #!/usr/bin/env bash
-# Sets up the machine, then builds and runs every test: the host build, the
-# sanitizer builds (address+undefined, thread) and the MIPS cross build, whose
-# unit tests run under qemu-mips. Pass variant names to run only some of them.
+# Sets up the machine, then builds and runs every test: the include check, the
+# lock-annotation compile, the host build, the sanitizer builds
+# (address+undefined, thread), the MIPS cross build, whose unit tests run under
+# qemu-mips, and the fuzzers. Pass variant names to run only some of them.
+#
+# Builds run one after the other and use every core. The system tests mostly
+# wait for a daemon with a sped-up clock, so a variant's tests run in the
+# background while the next variant builds (one test run at a time), each with
+# more jobs than cores. Each step prints its own wall time; a test run's log is
+# printed whole when it ends.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 variants=("$@")
-((${#variants[@]})) || variants=(layers host asan tsan tsa mips fuzz)
+((${#variants[@]})) || variants=(layers tsa host asan tsan mips fuzz)
 
 # ThreadSanitizer cannot map its shadow memory with the kernel's largest
 # address-space randomisation; run its tests with randomisation off.
@@ -18,42 +25,70 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
-# Builds and tests one variant; non-zero when something failed.
-runVariant() {
-  local v=$1
-  if [ "$v" = layers ]; then
-    echo "=== layers: include check"
-    scripts/check-layers.sh
-    return
-  fi
-  echo "=== $v: build"
-  if [ "$v" = fuzz ]; then
-    # Each libFuzzer target for a few seconds from its seed corpus (docs/fuzzing.md).
-    scripts/build.sh fuzz && fuzz/run.sh build/fuzz 5
-    return
-  fi
-  if [ "$v" = tsa ]; then
-    # A compile, not a test run: the lock annotations are checked by clang.
-    scripts/build.sh tsa
-    return
-  fi
-  scripts/build.sh "$v" || return
-  echo "=== $v: test"
-  local labels=()
-  # The cross build runs its unit tests under qemu-mips, and the "cross" test
-  # that hands tag databases between it and a host kordctl.
+cores=$(nproc)
+test_jobs=$((cores * 3))
+started=$SECONDS
+failed=()
+
+# The variant's own test run, in the foreground of its background job.
+runTests() {
+  local v=$1 labels=() run=()
+  # The cross build runs its unit tests under qemu-mips, and the "cross" tests
+  # that hand tag databases between it and a host kordctl and take a file
+  # through the emulated daemon.
   [ "$v" = mips ] && labels=(-L 'unit|cross')
-  local run=()
   [ "$v" = tsan ] && run=("${norandom[@]}")
-  "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$(nproc)" "${labels[@]}"
+  "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$test_jobs" "${labels[@]}"
 }
 
-failed=()
+# One background test run at a time: its variant, start time and log.
+bg_variant="" bg_pid="" bg_start=0
+finishTests() {
+  [ -n "$bg_pid" ] || return 0
+  local status=0
+  wait "$bg_pid" || status=$?
+  echo "=== $bg_variant: test"
+  cat "build/$bg_variant/test-run.log"
+  echo "=== $bg_variant: test done in $((SECONDS - bg_start)) s (ran beside the later builds)"
+  ((status == 0)) || failed+=("$bg_variant")
+  bg_pid="" bg_variant=""
+}
+startTests() {
+  finishTests
+  bg_variant=$1 bg_start=$SECONDS
+  runTests "$1" >"build/$1/test-run.log" 2>&1 &
+  bg_pid=$!
+}
+trap '[ -z "$bg_pid" ] || kill "$bg_pid" 2>/dev/null || true' EXIT
+
 for v in "${variants[@]}"; do
   start=$SECONDS
-  runVariant "$v" || failed+=("$v")
-  echo "=== $v: done in $((SECONDS - start)) s"
+  status=0
+  case "$v" in
+    layers)
+      echo "=== layers: include check"
+      scripts/check-layers.sh || status=$? ;;
+    tsa)
+      # A compile, not a test run: the lock annotations are checked by clang.
+      echo "=== tsa: build"
+      scripts/build.sh tsa || status=$? ;;
+    fuzz)
+      # Each libFuzzer target for a few seconds from its seed corpus (docs/fuzzing.md).
+      echo "=== fuzz: build"
+      { scripts/build.sh fuzz && fuzz/run.sh build/fuzz 5; } || status=$? ;;
+    *)
+      echo "=== $v: build"
+      if scripts/build.sh "$v"; then
+        startTests "$v"
+      else
+        status=1
+      fi ;;
+  esac
+  ((status == 0)) || failed+=("$v")
+  echo "=== $v: done in $((SECONDS - start)) s${bg_pid:+ (its tests go on beside the next step)}"
 done
+finishTests
+echo "=== all: $((SECONDS - started)) s"
 
 if ((${#failed[@]})); then
   echo "test.sh: failures in: ${failed[*]}"
