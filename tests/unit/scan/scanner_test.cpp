@@ -96,7 +96,7 @@ class ScannerTest : public test::ScanTest {
   std::atomic<int> running_{1};
   ScanQueue queue_{storage_, reports_, running_};
   ScannerState state_{queue_};
-  ScannerThread scanner_{queue_, state_, types_, rules_, storage_, reports_, running_, update()};
+  ScannerThread scanner_{queue_, state_, types_, rules_, storage_, reports_, running_, sandbox_ / "update"};
 };
 
 TEST_F(ScannerTest, PendingFilesAreProfiledInBatchesOfOneHundredAndMarked) {
