@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "host/kord/kord_host.h"
 #include "platform/kord.h"
@@ -20,56 +18,38 @@
 
 namespace zibd::test {
 
-struct HandleCloser {
-  void operator()(kord_bulk_t* h) const { kord_bulk_fini(h); }
-};
+struct HandleCloser { void operator()(kord_bulk_t* h) const { kord_bulk_fini(h); } };
 using Handle = std::unique_ptr<kord_bulk_t, HandleCloser>;
 
 class KordTest : public SandboxTest {
  protected:
   void SetUp() override {
-    ::setenv(kord::kIniEnv, ini().c_str(), 1);
-    ::setenv(kord::kUpdateEnv, update().c_str(), 1);
+    ::setenv(kord::kIniEnv, (sandbox_ / "kord.ini").c_str(), 1);
+    ::setenv(kord::kUpdateEnv, (sandbox_ / "update").c_str(), 1);
     ::setenv(kord::kViewsEnv, (sandbox_ / "views").c_str(), 1);
     sandbox_.write("update");
-    sandbox_.mkdirs("uuidmount/p1");
-    sandbox_.mkdirs("uuidmount/p2");
+    for (const char* p : {"uuidmount/p1", "uuidmount/p2"}) sandbox_.mkdirs(p);
   }
 
-  std::string ini() const { return sandbox_ / "kord.ini"; }
-  std::string update() const { return sandbox_ / "update"; }
   std::string root() const { return sandbox_ / "uuidmount"; }
-  // A path below the root.
   std::string at(const std::string& relative) const { return root() + "/" + relative; }
-  std::string database(const std::string& partition = "p1") const {
-    return at(partition + "/.kord/tagdb");
-  }
+  std::string database(const std::string& partition = "p1") const { return at(partition + "/.kord/tagdb"); }
 
   // Writes the line the daemon writes when it chooses a partition.
   void configure(const std::string& partition = "p1", const std::string& seconds = "1700000000") {
-    sandbox_.write("kord.ini",
-                   "dms-metadata-db-" + seconds + ":" + root() + ":" + database(partition) + "\n");
+    sandbox_.write("kord.ini", "dms-metadata-db-" + seconds + ":" + root() + ":" + database(partition) + "\n");
   }
 
   // Opens and closes the update file, as the daemon does after every change.
-  void signalUpdate() const {
-    int fd = ::open(update().c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    ::close(fd);
-  }
+  void signalUpdate() const { ::close(::open((sandbox_ / "update").c_str(), O_RDONLY | O_CLOEXEC)); }
 
-  static Handle open() {
-    Handle h(kord_bulk_init());
-    EXPECT_TRUE(h);
-    return h;
-  }
+  static Handle open() { return Handle(kord_bulk_init()); }
 
   // Sets tags on one file through a fresh handle and commits.
   static void tag(const std::string& path, const std::map<std::string, std::string>& tags) {
     Handle h = open();
     ASSERT_EQ(kord_bulk_setpath(h.get(), path.c_str()), 0) << kord::lastError().message;
-    for (const auto& [name, value] : tags)
-      ASSERT_EQ(kord_bulk_settag(h.get(), name.c_str(), value.c_str()), 0);
+    for (const auto& [name, value] : tags) ASSERT_EQ(kord_bulk_settag(h.get(), name.c_str(), value.c_str()), 0);
     ASSERT_EQ(kord_bulk_commit(h.get()), 0);
   }
 
@@ -89,13 +69,12 @@ class KordTest : public SandboxTest {
     Handle h = open();
     if (kord_bulk_setpath(h.get(), path.c_str()) != 0) return "setpath failed";
     char value[256];
-    if (kord_bulk_gettag(h.get(), name, value, sizeof value) != 0) return "absent";
-    return value;
+    return kord_bulk_gettag(h.get(), name, value, sizeof value) == 0 ? value : "absent";
   }
 
   static std::vector<std::string> files(const std::string& under = "/") {
     std::vector<std::string> paths;
-    EXPECT_EQ(kord::listFiles(under, &paths), kord::Status::kOk) << kord::lastError().message;
+    if (kord::listFiles(under, &paths) != kord::Status::kOk) paths = {"error: " + kord::lastError().message};
     return paths;
   }
 };
@@ -106,9 +85,8 @@ inline std::map<std::string, std::string> linksIn(const std::string& dir) {
   DIR* d = ::opendir(dir.c_str());
   if (!d) return links;
   while (const struct dirent* e = ::readdir(d)) {
-    std::string path = dir + "/" + e->d_name;
     char target[4096];
-    ssize_t n = ::readlink(path.c_str(), target, sizeof target);
+    ssize_t n = ::readlink((dir + "/" + e->d_name).c_str(), target, sizeof target);
     if (n >= 0) links[e->d_name] = std::string(target, static_cast<std::size_t>(n));
   }
   ::closedir(d);
@@ -118,7 +96,7 @@ inline std::map<std::string, std::string> linksIn(const std::string& dir) {
 // Just the targets, sorted.
 inline std::vector<std::string> linkTargets(const std::string& dir) {
   std::vector<std::string> targets;
-  for (const auto& [name, target] : linksIn(dir)) targets.push_back(target);
+  for (const auto& link : linksIn(dir)) targets.push_back(link.second);
   std::sort(targets.begin(), targets.end());
   return targets;
 }
