@@ -32,9 +32,12 @@ TEST_F(RillctlTest, CommandsPrintTheirOutcomeAndExitWithItsStatus) {
            {{"get", "Storage.Disk.5"}, 1, ""},
            {{"add", "Storage.Disk.3", "CapacityInMBytes=100", "Label=a=b"}, 0, ""},
            {{"set", "Storage.Disk.3.CapacityInMBytes", "200"}, 0, ""},
-           {{"get", "Storage.Disk.3"}, 0, "Storage.Disk.3.CapacityInMBytes=200\nStorage.Disk.3.Label=a=b\n"},
-           {{"history", "Storage.Disk.3.CapacityInMBytes"}, 0, "100\n200\n"},
+           {{"set", "Storage.Disk.3.CapacityInMBytes", "200"}, 0, ""},  // unchanged, yet a write
+           {{"set", "Storage.Disk.3.Status", "1"}, 0, ""},              // a new parameter
+           {{"history", "Storage.Disk.3.CapacityInMBytes"}, 0, "100\n200\n200\n"},
            {{"history", "Storage.Disk.1.CapacityInMBytes"}, 0, ""},  // seeding is not a write
+           {{"get", "Storage.Disk.3"}, 0,
+            "Storage.Disk.3.CapacityInMBytes=200\nStorage.Disk.3.Label=a=b\nStorage.Disk.3.Status=1\n"},
            {{"del", "Storage.Disk.3"}, 0, ""},
            {{"get", "Storage.Disk.3"}, 1, ""},
            {{"stage"}, 0, "100\n"},
