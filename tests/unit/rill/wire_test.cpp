@@ -5,37 +5,24 @@
 namespace zibd::rill {
 namespace {
 
+// An empty value is present, not absent; numbers take their full width.
 Request sampleRequest() {
-  Request r;
-  r.op = Op::kAddObject;
-  r.id = 0x01020304;
-  r.path = "Storage.Disk.1.Partition.2";
-  r.name = "Manageddisk";
-  r.value = "";  // present but empty is not absent
-  r.number = -2;
-  r.params = {{"MountPoint", "/var/uuidmount/ab12"}, {"Status", "1"}};
-  return r;
+  return Request{Op::kAddObject, 0x01020304, "Storage.Disk.1.Partition.2", "Manageddisk", "", -2,
+                 {{"MountPoint", "/var/uuidmount/ab12"}, {"Status", "1"}}};
 }
-
 Reply sampleReply() {
-  Reply r;
-  r.id = 77;
-  r.status = Status::kNoSuchObject;
-  r.text = "no such object: X.1";
-  r.number = int64_t{1} << 40;
-  r.items = {Item{"Storage.Disk.1", "CapacityInMBytes", "953869", 0},
-             Item{std::nullopt, std::nullopt, "only a value", 3}};
-  return r;
+  return Reply{77, Status::kNoSuchObject, "no such object: X.1", int64_t{1} << 40,
+               {Item{"Storage.Disk.1", "CapacityInMBytes", "953869", 0}, Item{std::nullopt, std::nullopt, "only a value", 3}}};
 }
-
 Notification sampleNotification() {
   return Notification{kEventValue, 0xfffffffe, {Item{"ContentSharing.UPnPAV.IndexRules.3", "Enable", "0", 0}}};
 }
+const std::vector<Message> kSamples = {sampleRequest(), sampleReply(), sampleNotification()};
 
 std::string payloadOf(const std::string& frame) { return frame.substr(kFrameHeader); }
 
 TEST(RillWireTest, EveryMessageKindSurvivesARoundTrip) {
-  for (const Message& message : {Message(sampleRequest()), Message(sampleReply()), Message(sampleNotification())}) {
+  for (const Message& message : kSamples) {
     auto decoded = decode(payloadOf(encode(message)));
     ASSERT_TRUE(decoded);
     EXPECT_EQ(*decoded, message);
@@ -54,7 +41,7 @@ TEST(RillWireTest, FramesAreBigEndianWhateverTheHost) {
 }
 
 TEST(RillWireTest, TruncatedOrExtendedPayloadsAreRejected) {
-  for (const Message& message : {Message(sampleRequest()), Message(sampleReply()), Message(sampleNotification())}) {
+  for (const Message& message : kSamples) {
     const std::string payload = payloadOf(encode(message));
     for (size_t size = 0; size < payload.size(); ++size)
       EXPECT_FALSE(decode(payload.substr(0, size))) << "prefix of " << size << " bytes";
