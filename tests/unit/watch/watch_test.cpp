@@ -88,7 +88,7 @@ TEST_F(WatchTableTest, TreeAddWatchesEveryVisibleDirectoryOnceAndFindsItByPath) 
   const int album = wd("m/Artist/Album");
   EXPECT_GT(album, 0);
   EXPECT_EQ(wd("m/Artist/Album/"), album);
-  EXPECT_EQ(wd("m/Artist/Albums"), -1);
+  EXPECT_EQ(wd("m/ArtistXAlbum"), -1);
   EXPECT_EQ(wd("m/Artist/Alb"), -1);
   EXPECT_EQ(table_.descriptorOf(sandbox_.path().c_str()), 0);
   sandbox_.write("m/Artist/Album/new.mp3");
