@@ -23,6 +23,10 @@ class ScanQueueTest : public test::SandboxTest {
     for (const char* dir : {"a", "b", "b/c", "bc", "d"}) sandbox_.mkdirs(dir);
   }
   std::string at(const std::string& relative) const { return sandbox_ / relative; }
+  // Queues (relative path, kind) pairs.
+  void enqueue(std::initializer_list<std::pair<const char*, uint32_t>> requests) {
+    for (const auto& [path, kind] : requests) queue_.enqueue(at(path), kind);
+  }
   // Takes everything that waits, as "kind:relative path".
   std::vector<std::string> drain() {
     std::vector<std::string> taken;
@@ -33,11 +37,14 @@ class ScanQueueTest : public test::SandboxTest {
     }
     return taken;
   }
-  std::future<std::optional<ScanRequest>> takeAsync() {
-    return std::async(std::launch::async, [this] { return queue_.take(); });
+  // A take on another thread, once it has reported the queue idle.
+  std::future<std::optional<ScanRequest>> blockedTake() {
+    const std::size_t reports = reports_.profiling().size();
+    auto take = std::async(std::launch::async, [this] { return queue_.take(); });
+    EXPECT_TRUE(test::waitFor([&] { return reports_.profiling().size() == reports + 1; }));
+    return take;
   }
-  // The result of a take on another thread; a take that does not return is
-  // a failure, and woken so that the test ends.
+  // Its result; a take that does not return is a failure, and woken.
   std::optional<ScanRequest> result(std::future<std::optional<ScanRequest>>& take) {
     if (take.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
       ADD_FAILURE() << "the take did not return";
@@ -46,7 +53,6 @@ class ScanQueueTest : public test::SandboxTest {
     }
     return take.get();
   }
-  bool reported(std::size_t n) const { return reports_.profiling().size() == n; }
 
   std::atomic<int> running_{1};
   test::FakeStorage storage_;
@@ -55,28 +61,20 @@ class ScanQueueTest : public test::SandboxTest {
 };
 
 TEST_F(ScanQueueTest, PriorityOrderAndForcedRescanReplacingTheFirstOrdinaryScanOfItsPath) {
-  queue_.enqueue(at("a"), kScanRuleDirectory);
-  queue_.enqueue(at("d"), kScanStorageRoot);
-  queue_.enqueue(at("b"), kScanChangedDirectory);
-  queue_.enqueue(at("a"), kScanRuleDirectory);  // no de-duplication
+  // No de-duplication of ordinary requests.
+  enqueue({{"a", kScanRuleDirectory}, {"d", kScanStorageRoot}, {"b", kScanChangedDirectory}, {"a", kScanRuleDirectory}});
   EXPECT_THAT(drain(), ElementsAre("0:/b", "1:/a", "3:/d", "1:/a"));
-
-  queue_.enqueue(at("a"), kScanRuleDirectory);
-  queue_.enqueue(at("a"), kScanRuleDirectory);
-  queue_.enqueue(at("b"), kScanRuleDirectory);
-  queue_.enqueue(at("a/"), kScanForcedRescan);
-  queue_.enqueue(at("b"), kScanForcedRescan);
-  queue_.enqueue(at("b"), kScanRuleDirectory);  // after a forced one: queued beside it
+  // An ordinary request after a forced one is queued beside it.
+  enqueue({{"a", kScanRuleDirectory}, {"a", kScanRuleDirectory}, {"b", kScanRuleDirectory}, {"a/", kScanForcedRescan},
+           {"b", kScanForcedRescan}, {"b", kScanRuleDirectory}});
   EXPECT_THAT(drain(), ElementsAre("2:/a", "2:/b", "1:/a", "1:/b"));
 }
 
 TEST_F(ScanQueueTest, PathsAreResolvedAndUnresolvableOrUnknownKindsDropped) {
   ASSERT_EQ(::symlink(at("b/c").c_str(), at("link").c_str()), 0);
-  queue_.enqueue(at("link/"), kScanRuleDirectory);
-  queue_.enqueue(at("a/../d//"), kScanRuleDirectory);
-  queue_.enqueue(at("missing"), kScanRuleDirectory);
+  enqueue({{"link/", kScanRuleDirectory}, {"a/../d//", kScanRuleDirectory}, {"missing", kScanRuleDirectory},
+           {"a", 4}});
   queue_.enqueue(std::string(5000, 'x'), kScanRuleDirectory);
-  queue_.enqueue(at("a"), 4);
   EXPECT_THAT(drain(), ElementsAre("1:/b/c", "1:/d"));
   queue_.enqueue("/", kScanStorageRoot);
   std::optional<ScanRequest> root = queue_.take();
@@ -85,34 +83,26 @@ TEST_F(ScanQueueTest, PathsAreResolvedAndUnresolvableOrUnknownKindsDropped) {
 }
 
 TEST_F(ScanQueueTest, RemoveUnderKeepsSiblingsThatOnlyShareLeadingCharacters) {
-  queue_.enqueue(at("b"), kScanRuleDirectory);
-  queue_.enqueue(at("b/c"), kScanChangedDirectory);
-  queue_.enqueue(at("bc"), kScanForcedRescan);
-  queue_.enqueue(at("a"), kScanRuleDirectory);
+  enqueue({{"b", kScanRuleDirectory}, {"b/c", kScanChangedDirectory}, {"bc", kScanForcedRescan}, {"a", kScanRuleDirectory}});
   queue_.removeUnder(at("b"));
   EXPECT_THAT(drain(), ElementsAre("2:/bc", "1:/a"));
-  queue_.enqueue(at("a"), kScanRuleDirectory);
+  enqueue({{"a", kScanRuleDirectory}});
   queue_.removeUnder("");
   EXPECT_EQ(queue_.size(), 0U);
 }
 
 TEST_F(ScanQueueTest, StartedOnceFinishedByTheTakeThatFindsItEmptyAndAWakeEndsThatTake) {
-  queue_.enqueue(at("a"), kScanRuleDirectory);
-  queue_.enqueue(at("b"), kScanChangedDirectory);
+  enqueue({{"a", kScanRuleDirectory}, {"b", kScanChangedDirectory}});
   ASSERT_TRUE(queue_.take());
   ASSERT_TRUE(queue_.take());
   EXPECT_THAT(reports_.profiling(), ElementsAre(1));
-  auto waiting = takeAsync();  // reports "finished" before it blocks
-  EXPECT_TRUE(test::waitFor([&] { return reported(2); }));
-  queue_.enqueue(at("d"), kScanRuleDirectory);
+  auto waiting = blockedTake();
+  enqueue({{"d", kScanRuleDirectory}});
   std::optional<ScanRequest> got = result(waiting);
   ASSERT_TRUE(got);
   EXPECT_EQ(got->path, at("d"));
-  EXPECT_THAT(reports_.profiling(), ElementsAre(1, 0, 1));
-
   queue_.clear();
-  waiting = takeAsync();
-  EXPECT_TRUE(test::waitFor([&] { return reported(4); }));
+  waiting = blockedTake();
   queue_.wake();
   EXPECT_FALSE(result(waiting));
   EXPECT_THAT(reports_.profiling(), ElementsAre(1, 0, 1, 0));
@@ -120,25 +110,24 @@ TEST_F(ScanQueueTest, StartedOnceFinishedByTheTakeThatFindsItEmptyAndAWakeEndsTh
 
 TEST_F(ScanQueueTest, NothingIsQueuedOrAskedWhileNoStorageIsChosen) {
   storage_.ready = false;
-  queue_.enqueue(at("a"), kScanRuleDirectory);
+  enqueue({{"a", kScanRuleDirectory}});
   EXPECT_EQ(queue_.size(), 0U);
   EXPECT_TRUE(reports_.profiling().empty());
   EXPECT_EQ(storage_.on_partition_queries, 0);
   storage_.ready = true;
-  queue_.enqueue(at("b"), kScanChangedDirectory);
+  enqueue({{"b", kScanChangedDirectory}});
   EXPECT_EQ(storage_.on_partition_queries, 1);
   EXPECT_EQ(queue_.size(), 1U);
 }
 
 TEST_F(ScanQueueTest, StoppedDaemonEmptiesTheQueueAndEndsAWaitingTake) {
-  queue_.enqueue(at("a"), kScanRuleDirectory);
+  enqueue({{"a", kScanRuleDirectory}});
   ASSERT_TRUE(queue_.take());
-  auto waiting = takeAsync();
-  EXPECT_TRUE(test::waitFor([&] { return reported(2); }));
+  auto waiting = blockedTake();
   running_ = 0;
-  queue_.enqueue(at("b"), kScanRuleDirectory);
+  enqueue({{"b", kScanRuleDirectory}});
   EXPECT_FALSE(result(waiting));  // the request that woke it is dropped
-  queue_.enqueue(at("a"), kScanChangedDirectory);
+  enqueue({{"a", kScanChangedDirectory}});
   EXPECT_FALSE(queue_.take());
   EXPECT_EQ(queue_.size(), 0U);
 }
