@@ -15,26 +15,6 @@
 namespace zibd::test {
 namespace {
 
-TEST(ControlPipeTest, MessagesArriveWholeInOrderWithTheirPaths) {
-  ControlPipe pipe;
-  ASSERT_EQ(pipe.open(), 0);
-  EXPECT_EQ(pipe.reportProfiling(7), 8);
-  EXPECT_EQ(pipe.reportPartitionScanned("/var/uuidmount/ab"), 8);
-  EXPECT_EQ(pipe.reportProfiling(0), 8);
-  EXPECT_EQ(pipe.stop(), 8);
-  auto m = pipe.read();
-  ASSERT_TRUE(m);
-  EXPECT_EQ(m->type, kControlProfilingStarted);
-  m = pipe.read();
-  ASSERT_TRUE(m);
-  EXPECT_EQ(m->type, kControlPartitionScanned);
-  EXPECT_EQ(m->path, "/var/uuidmount/ab");
-  EXPECT_EQ(pipe.read()->type, kControlProfilingFinished);
-  EXPECT_EQ(pipe.read()->type, kControlStop);
-  EXPECT_FALSE(pipe.read());  // empty: the read end does not block
-  EXPECT_NE(::fcntl(pipe.readFd(), F_GETFD) & FD_CLOEXEC, 0);
-}
-
 TEST(ControlPipeTest, CreationFailureIsReported) {
   ScopedFault fault(Call::kPipe2, EMFILE);
   ControlPipe pipe;
