@@ -26,26 +26,18 @@ using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
+// Disk 1 (big, managed) and disk 2 (a stick), one partition each, and one rule.
 constexpr char kGateway[] =
-    "VFS.MetaDataService.ForceRescan=0\n"
-    "VFS.MetaDataService.ProfilingStatus=Ready\n"
+    "VFS.MetaDataService.ForceRescan=0\nVFS.MetaDataService.ProfilingStatus=Ready\n"
     "VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk\n"
-    "Storage.Disk.1.CapacityInMBytes=953869\n"
-    "Storage.Disk.1.DoUnMount=0\n"
-    "Storage.Disk.1.Partition.1.MountPoint=@ROOT@/big\n"
-    "Storage.Disk.1.Partition.1.Status=1\n"
-    "Storage.Disk.1.Partition.1.Manageddisk=1\n"
-    "Storage.Disk.1.Partition.1.FreeSpaceInKBytes=734003200\n"
-    "Storage.Disk.2.CapacityInMBytes=61057\n"
-    "Storage.Disk.2.DoUnMount=0\n"
-    "Storage.Disk.2.Partition.1.MountPoint=@ROOT@/stick\n"
-    "Storage.Disk.2.Partition.1.Status=1\n"
-    "Storage.Disk.2.Partition.1.Manageddisk=0\n"
-    "Storage.Disk.2.Partition.1.FreeSpaceInKBytes=41943040\n"
-    "ContentSharing.UPnPAV.IndexRules.1.Status=Up\n"
-    "ContentSharing.UPnPAV.IndexRules.1.UUID=big\n"
-    "ContentSharing.UPnPAV.IndexRules.1.DirectoryName=Media\n"
-    "ContentSharing.UPnPAV.IndexRules.1.EnableMovie=1\n";
+    "Storage.Disk.1.CapacityInMBytes=953869\nStorage.Disk.1.DoUnMount=0\n"
+    "Storage.Disk.1.Partition.1.MountPoint=@ROOT@/big\nStorage.Disk.1.Partition.1.Status=1\n"
+    "Storage.Disk.1.Partition.1.Manageddisk=1\nStorage.Disk.1.Partition.1.FreeSpaceInKBytes=734003200\n"
+    "Storage.Disk.2.CapacityInMBytes=61057\nStorage.Disk.2.DoUnMount=0\n"
+    "Storage.Disk.2.Partition.1.MountPoint=@ROOT@/stick\nStorage.Disk.2.Partition.1.Status=1\n"
+    "Storage.Disk.2.Partition.1.Manageddisk=0\nStorage.Disk.2.Partition.1.FreeSpaceInKBytes=41943040\n"
+    "ContentSharing.UPnPAV.IndexRules.1.Status=Up\nContentSharing.UPnPAV.IndexRules.1.UUID=big\n"
+    "ContentSharing.UPnPAV.IndexRules.1.DirectoryName=Media\nContentSharing.UPnPAV.IndexRules.1.EnableMovie=1\n";
 
 class BusThreadTest : public StorageTest {
  protected:
