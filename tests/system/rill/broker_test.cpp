@@ -346,8 +346,11 @@ TEST_F(BrokerTest, WaitUntilStageReturnsOnceTheStageIsReachedOrTheBrokerDies) {
   waiter.join();
   EXPECT_EQ(result, 0);
 
-  std::thread orphan([&] { result = wait_until_stage(1000); });
-  broker_->signal(SIGKILL);
+  result = -100;
+  std::thread orphan([&] { result = wait_until_stage(72); });
+  EXPECT_EQ(ctl({"stage"}).out, "71\n");
+  EXPECT_EQ(result, -100) << "answered below the stage";
+  broker_->signal(SIGKILL);  // a broker that dies ends the wait
   orphan.join();
   EXPECT_NE(result, 0);
 }
