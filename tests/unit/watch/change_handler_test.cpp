@@ -19,14 +19,12 @@ namespace {
 using Requests = std::vector<std::pair<std::string, uint32_t>>;
 using Paths = std::vector<std::string>;
 
-class RecordingScans : public ScanRequests {
- public:
+struct RecordingScans : ScanRequests {
   void enqueue(const std::string& path, uint32_t kind) override { requests.emplace_back(path, kind); }
   Requests requests;
 };
 
-class FakeStorage : public StorageQueries {
- public:
+struct FakeStorage : StorageQueries {
   bool storageReady() const override { return ready; }
   bool pathIsOnPartition(const std::string&) const override { return true; }
   std::optional<std::string> managedPartitionPath() const override { return managed; }
