@@ -76,23 +76,26 @@ TEST(RillPathTest, ParameterPathsSplitOffTheLastName) {
 }
 
 TEST(RillPathTest, ClassesMatchTheirInstancesOnly) {
-  const Path disk1 = object("Storage.Disk.1");
-  const Path part = object("Storage.Disk.1.Partition.2");
-  const Path service = object("VFS.MetaDataService");
-
-  EXPECT_TRUE(matches(pattern("Storage.Disk"), disk1));
-  EXPECT_FALSE(matches(pattern("Storage.Disk"), part));  // below a disk is not a disk
-  EXPECT_TRUE(matches(pattern("Storage.Disk.Partition"), part));
-  EXPECT_TRUE(matches(pattern("Storage.*.Partition"), part));
-  EXPECT_TRUE(matches(pattern("Storage.Disk.1.Partition"), part));
-  EXPECT_FALSE(matches(pattern("Storage.Disk.2.Partition"), part));
-  EXPECT_FALSE(matches(pattern("Storage.*"), part));
-  EXPECT_TRUE(matches(pattern("VFS.MetaDataService"), service));
-  EXPECT_FALSE(matches(pattern("Storage.Disk.1"), object("Storage.Disk.10")));
-
-  EXPECT_TRUE(matchesAtOrBelow(pattern("Storage.Disk.1"), part));
-  EXPECT_FALSE(matchesAtOrBelow(pattern("Storage.Disk.1.Partition.2"), disk1));
-
+  struct Case {
+    const char* pattern;
+    const char* object;
+    bool matches, at_or_below;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"Storage.Disk", "Storage.Disk.1", true, true},
+           {"Storage.Disk", "Storage.Disk.1.Partition.2", false, true},  // below a disk is not a disk
+           {"Storage.Disk.Partition", "Storage.Disk.1.Partition.2", true, true},
+           {"Storage.*.Partition", "Storage.Disk.1.Partition.2", true, true},
+           {"Storage.Disk.1.Partition", "Storage.Disk.1.Partition.2", true, true},
+           {"Storage.Disk.2.Partition", "Storage.Disk.1.Partition.2", false, false},
+           {"Storage.*", "Storage.Disk.1.Partition.2", false, true},
+           {"VFS.MetaDataService", "VFS.MetaDataService", true, true},
+           {"Storage.Disk.1", "Storage.Disk.10", false, false},
+           {"Storage.Disk.1.Partition.2", "Storage.Disk.1", false, false},
+       }) {
+    EXPECT_EQ(matches(pattern(c.pattern), object(c.object)), c.matches) << c.pattern << " " << c.object;
+    EXPECT_EQ(matchesAtOrBelow(pattern(c.pattern), object(c.object)), c.at_or_below) << c.pattern << " " << c.object;
+  }
   EXPECT_TRUE(namesOneInstance(pattern("Storage.Disk.7")));
   EXPECT_FALSE(namesOneInstance(pattern("Storage.Disk")));
   EXPECT_FALSE(namesOneInstance(pattern("Storage.*.Partition.1")));
