@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -121,26 +120,18 @@ class LiveView : public SandboxTest {
     ASSERT_EQ(::ioctl(master_.get(), TIOCSWINSZ, &size), 0);
     ASSERT_EQ(::tcgetattr(slave_.get(), &before_), 0);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, slave.c_str(), O_RDWR, 0);
-    posix_spawn_file_actions_adddup2(&actions, 0, 1);
-    posix_spawn_file_actions_adddup2(&actions, 0, 2);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-    std::vector<std::string> env{"RILL_SOCKET=" + socket_, "TOCK_EVENTS=" + (sandbox_ / "events"),
-                                 "KORD_INI=" + (sandbox_ / "kord.ini"), "KORDCTL=" + binary("kordctl"), "TERM=xterm"};
-    if (const char* asan = ::getenv("ASAN_OPTIONS")) env.push_back(std::string("ASAN_OPTIONS=") + asan);
-    std::vector<std::string> args{kStatus, "--interval", "0.2"};
-    std::vector<char*> argv, envp;
-    for (auto& a : args) argv.push_back(a.data());
-    for (auto& e : env) envp.push_back(e.data());
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    ASSERT_EQ(::posix_spawn(&pid_, kStatus.c_str(), &actions, &attributes, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
+    const std::string events = sandbox_ / "events", ini = sandbox_ / "kord.ini", kordctl = binary("kordctl");
+    pid_ = ::fork();
+    ASSERT_GE(pid_, 0);
+    if (pid_ == 0) {  // a new session, whose first terminal opened becomes its controlling one
+      ::setsid();
+      const int tty = ::open(slave.c_str(), O_RDWR);
+      ::dup2(tty, 0), ::dup2(tty, 1), ::dup2(tty, 2);
+      ::setenv("RILL_SOCKET", socket_.c_str(), 1), ::setenv("TOCK_EVENTS", events.c_str(), 1);
+      ::setenv("KORD_INI", ini.c_str(), 1), ::setenv("KORDCTL", kordctl.c_str(), 1), ::setenv("TERM", "xterm", 1);
+      ::execl(kStatus.c_str(), kStatus.c_str(), "--interval", "0.2", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
     ASSERT_TRUE(shows("profiling:   Ready")) << output_;
   }
   void TearDown() override {

@@ -39,8 +39,6 @@ TEST(KordConditionTest, MatchesExactlyTheTagsItNames) {
     SCOPED_TRACE(c.condition);
     EXPECT_EQ(Condition::parse(c.condition).matches(c.tags), c.matches);
   }
-  EXPECT_TRUE(Condition::parse(kDaemon).mentions(".s.batchidx"));
-  EXPECT_FALSE(Condition::parse(kDaemon).mentions(".s.mdt"));
 }
 
 TEST(KordConditionTest, RefusesMalformedConditions) {
@@ -58,9 +56,7 @@ TEST(KordConditionTest, RefusesMalformedConditions) {
   }
 }
 
-class KordQueryTest : public KordTest {};
-
-TEST_F(KordQueryTest, FindsExactlyTheMatchingFilesTakingNamesAndValuesLiterally) {
+TEST_F(KordTest, QueryFindsExactlyTheMatchingFilesTakingNamesAndValuesLiterally) {
   configure();
   // Each file but the first two misses the condition by one term.
   tag(at("p1/match.mp4"), {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "0"}});

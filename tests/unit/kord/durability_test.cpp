@@ -4,10 +4,8 @@
 // file's tags; the database stays sound and the next writer gets the lock.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "common/file_descriptor.h"
 #include "tests/support/wait_for.h"
@@ -104,9 +102,8 @@ class KordDurabilityTest : public KordTest {
     return ::read(pipe_.read_end.get(), &byte, 1) == 1 ? byte : 'x';
   }
   void kill() {
-    ASSERT_EQ(::kill(pid_, SIGKILL), 0);
     int status = 0;
-    ASSERT_EQ(::waitpid(pid_, &status, 0), pid_);
+    ASSERT_TRUE(::kill(pid_, SIGKILL) == 0 && ::waitpid(pid_, &status, 0) == pid_);
     pid_ = -1;
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
   }

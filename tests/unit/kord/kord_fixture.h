@@ -3,12 +3,12 @@
 // covers <sandbox>/uuidmount.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <memory>
 
@@ -82,14 +82,9 @@ class KordTest : public SandboxTest {
 // The symbolic links in a directory: name -> target.
 inline std::map<std::string, std::string> linksIn(const std::string& dir) {
   std::map<std::string, std::string> links;
-  DIR* d = ::opendir(dir.c_str());
-  if (!d) return links;
-  while (const struct dirent* e = ::readdir(d)) {
-    char target[4096];
-    ssize_t n = ::readlink((dir + "/" + e->d_name).c_str(), target, sizeof target);
-    if (n >= 0) links[e->d_name] = std::string(target, static_cast<std::size_t>(n));
-  }
-  ::closedir(d);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error))
+    if (entry.is_symlink()) links[entry.path().filename()] = std::filesystem::read_symlink(entry.path());
   return links;
 }
 
