@@ -166,7 +166,8 @@ int findInstance(rill_conn_t* conn, const char* path, std::vector<Flat>* items, 
   cs_find_parameters_of_obj_instances(
       conn, path, 0, 2,
       [](rill_reply_t* reply, void* context) {
-        if (reply) *static_cast<std::vector<Flat>*>(context) = flatten(rill_reply_get_items(reply));
+        for (const Flat& f : flatten(reply ? rill_reply_get_items(reply) : nullptr))
+          static_cast<std::vector<Flat>*>(context)->push_back(f);
         return 0;
       },
       items, &error);
@@ -219,6 +220,9 @@ TEST_F(BrokerTest, ClassReadsYieldInstancesAndInstanceReadsThatInstanceOrAnError
   }
   std::vector<Flat> items;
   int nulls = 0;
+  EXPECT_EQ(findInstance(conn, "Storage.Disk", &items, &nulls), 0);  // a class: every instance
+  EXPECT_EQ(pathsOf(items), (std::set<std::string>{"Storage.Disk.1", "Storage.Disk.2"}));
+  items.clear();
   EXPECT_EQ(findInstance(conn, "Storage.Disk.2.Partition.2", &items, &nulls), 0);
   EXPECT_EQ(items, (std::vector<Flat>{{"Storage.Disk.2.Partition.2", "Manageddisk", "0", 0},
                                       {"Storage.Disk.2.Partition.2", "MountPoint", "/var/uuidmount/c0de", 0}}));
@@ -265,6 +269,10 @@ TEST_F(BrokerTest, EveryChangingWriteIsNotifiedUntilUnsubscribed) {
   ASSERT_EQ(set(watcher, "Storage.Disk.2.Partition.1", "Manageddisk", "1"), 0);  // the writer's own too
   ASSERT_EQ(set(watcher, "Storage.Disk.2.Partition.1", "Manageddisk", "1"), 0);  // no change
   ASSERT_NE(set(watcher, "Storage.Disk.9", "Manageddisk", "1"), 0);               // no object
+  rill_ccmd_t cmd{};  // a malformed path is refused before it is sent; the value is freed all the same
+  EXPECT_NE(rill_ccmd_add_setvalues_request(watcher, &cmd, "Storage..Disk", "X",
+                                            dynstr_fromstring(rill_dynstr_poolid(), "freed"), 0), 0);
+  rill_ccmd_cleanup(&cmd);
   ASSERT_EQ(ctl({"set", "Storage.Disk.2.Partition.1.MountPoint", "/elsewhere"}).status, 0);  // not subscribed
   ASSERT_EQ(ctl({"set", "ContentSharing.UPnPAV.IndexRules.1.Enable", "0"}).status, 0);
   ASSERT_EQ(ctl({"set", "VFS.MetaDataService.ForceRescan", "1"}).status, 0);
@@ -539,7 +547,10 @@ TEST_F(MeasuredBrokerTest, HistoryIsCappedByBytesAndGoesWithItsObject) {
 
   // Deleted: like an object that never existed, also once it is back.
   ASSERT_EQ(ctl({"del", "Storage.Disk.3"}).status, 0);
-  EXPECT_EQ(ctl({"history", "Storage.Disk.3.Label"}).status, 2);
+  Result deleted = ctl({"history", "Storage.Disk.3.Label"}), never = ctl({"history", "Storage.Disk.4.Label"});
+  EXPECT_EQ(deleted.status, 2);
+  EXPECT_EQ(deleted.out, "");
+  EXPECT_EQ(deleted.err.substr(0, deleted.err.find("Storage")), never.err.substr(0, never.err.find("Storage")));
   ASSERT_EQ(ctl({"add", "Storage.Disk.3", "Label=second"}).status, 0);
   EXPECT_EQ(ctl({"history", "Storage.Disk.3.Label"}).out, "second\n");
 
