@@ -120,15 +120,16 @@ class LiveView : public SandboxTest {
     ASSERT_EQ(::ioctl(master_.get(), TIOCSWINSZ, &size), 0);
     ASSERT_EQ(::tcgetattr(slave_.get(), &before_), 0);
 
-    const std::string events = sandbox_ / "events", ini = sandbox_ / "kord.ini", kordctl = binary("kordctl");
+    const std::pair<std::string, std::string> env[] = {
+        {"RILL_SOCKET", socket_}, {"TOCK_EVENTS", sandbox_ / "events"}, {"KORD_INI", sandbox_ / "kord.ini"},
+        {"KORDCTL", binary("kordctl")}, {"TERM", "xterm"}};
     pid_ = ::fork();
     ASSERT_GE(pid_, 0);
     if (pid_ == 0) {  // a new session, whose first terminal opened becomes its controlling one
       ::setsid();
       const int tty = ::open(slave.c_str(), O_RDWR);
-      ::dup2(tty, 0), ::dup2(tty, 1), ::dup2(tty, 2);
-      ::setenv("RILL_SOCKET", socket_.c_str(), 1), ::setenv("TOCK_EVENTS", events.c_str(), 1);
-      ::setenv("KORD_INI", ini.c_str(), 1), ::setenv("KORDCTL", kordctl.c_str(), 1), ::setenv("TERM", "xterm", 1);
+      for (int fd = 0; fd < 3; ++fd) ::dup2(tty, fd);
+      for (const auto& [name, value] : env) ::setenv(name.c_str(), value.c_str(), 1);
       ::execl(kStatus.c_str(), kStatus.c_str(), "--interval", "0.2", static_cast<char*>(nullptr));
       ::_exit(127);
     }

@@ -129,7 +129,10 @@ int moveAwayThenDrop(const char* path) {
 
 class KordCleanupTest : public KordTagsTest {
  protected:
-  void TearDown() override { g_checked.clear(), g_stop = nullptr; }
+  void TearDown() override {
+    g_checked.clear();
+    g_stop = nullptr;
+  }
   int cleanup(const std::string& dir, kord_check_fn check = dropNamesWithGone) {
     return kord_cleanup_attached(dir.c_str(), &stop_, check);
   }
@@ -170,7 +173,11 @@ TEST_F(KordCleanupTest, StopsOnTheFlagKeepingTheDecisionsSoFarAndALaterRunFinish
   EXPECT_TRUE(g_checked.empty());
   stop_ = 0;
   g_stop = nullptr;
-  ASSERT_EQ(cleanup(root(), [](const char* path) { return g_checked.push_back(path), 0; }), 0);
+  ASSERT_EQ(cleanup(root(), [](const char* path) {
+              g_checked.push_back(path);
+              return 0;  // keeps it
+            }),
+            0);
   EXPECT_EQ(g_checked.size(), 300u) << "each file checked once";
   EXPECT_EQ(files().size(), 300u);
 }
