@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/sandbox.h"
 #include "tests/support/wait_for.h"
-#include "tests/unit/scan/scan_fakes.h"
+#include "tests/unit/scan/scan_fixture.h"
 
 namespace zibd {
 namespace {
