@@ -1,19 +1,16 @@
 # Shell helpers for the system scenarios that run zibd on a simulated gateway
 # inside scripts/sandbox.sh (see tests/support/gateway_sandbox.h, which passes
 # this file's path as GATEWAY_LIB together with the programs' paths). A
-# scenario sources it with `. "$GATEWAY_LIB"` and then builds its gateway:
+# scenario sources it with `. "$GATEWAY_LIB"`, puts its files and starts:
 #
-#   gw_model >/tmp/gateway.model
-#   gw_disk 1 aaaa 1000 >>/tmp/gateway.model
-#   gw_start_broker /tmp/gateway.model
-#   gw_start_zibd /tmp/types.ini
-#   gw_wait_status OK
+#   gw_put /var/uuidmount/aaaa/Media/a.mp3
+#   gw_gateway aaaa:1000 bbbb:2000      # the model, the file-type map, /tmp/profile
+#   gw_up                               # broker and zibd, storage chosen
 #
-# Every wait polls a condition with short sleeps up to a generous cap and
-# returns 1 at the cap, so a scenario never sleeps to "let things happen".
 # zibd runs with its clock ten times faster (libfaketime, NO_FAKE_STAT=1 so
 # that file times stay real): its 60 s start-up pause takes 6 s, the 30 s
 # settle 3 s and the 3 quiet seconds of a directory 0.3 s.
+. "${GATEWAY_LIB%/*}/wait.sh"
 
 export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
 GW_BROKER=
@@ -21,17 +18,9 @@ GW_ZIBD=
 
 gw_fail() { echo "FAILED: $*"; }
 
-# gw_wait_for SECONDS COMMAND [ARG]...: 0 once COMMAND succeeds, 1 when it
-# has not within SECONDS (real time).
-gw_wait_for() {
-  local cap=$1 i
-  shift
-  for ((i = 0; i < cap * 20; i++)); do
-    "$@" && return 0
-    sleep 0.05
-  done
-  "$@"
-}
+# gw_put FILE [CONTENT]: writes FILE, its directories made; CONTENT defaults
+# to the file's name.
+gw_put() { mkdir -p "${1%/*}" && printf '%s' "${2-${1##*/}}" >"$1"; }
 
 # The bus object "VFS.MetaDataService" as a gateway seeds it, then one line
 # per extra argument.
@@ -58,10 +47,38 @@ gw_rule() {
     "$p.EnableMusic=$5" "$p.EnablePicture=$6" "$p.Status=${7:-Up}"
 }
 
+# gw_gateway UUID[:CAPACITY_MB[:FREE_KB]]...: /tmp/gateway.model with disk N
+# holding the Nth partition and rule N offering its Media directory for every
+# category (append more lines to the file before gw_up); unless the scenario
+# wrote them first, /tmp/types.ini sends mp3 files to /tmp/profile, a
+# gw_profiler logging to /tmp/profiler.log.
+gw_gateway() {
+  local n=0 spec uuid capacity free
+  {
+    gw_model
+    for spec; do
+      IFS=: read -r uuid capacity free <<<"$spec"
+      n=$((n + 1))
+      gw_disk $n "$uuid" "${capacity:-1000}" "${free:-1048576}"
+      gw_rule $n "$uuid" Media 1 1 1
+    done
+  } >/tmp/gateway.model
+  [ -e /tmp/types.ini ] || printf 'mp3:STDAUDIO:/tmp/profile:\n' >/tmp/types.ini
+  [ -e /tmp/profile ] || gw_profiler /tmp/profile /tmp/profiler.log
+}
+
+# gw_up: the broker on /tmp/gateway.model, zibd on /tmp/types.ini, and the
+# metadata storage chosen.
+gw_up() {
+  gw_start_broker /tmp/gateway.model
+  gw_start_zibd /tmp/types.ini
+  gw_wait_status OK || gw_fail "no metadata storage chosen"
+}
+
 gw_start_broker() {
   "$RILLD" --model "$1" &
   GW_BROKER=$!
-  gw_wait_for 10 test -S "$RILL_SOCKET" || gw_fail "no broker socket"
+  wait_until 10 test -S "$RILL_SOCKET" || gw_fail "no broker socket"
 }
 
 # gw_start_zibd MAP: zibd with the sped-up clock; its standard error is
@@ -76,7 +93,7 @@ gw_start_zibd() {
 # within 30 s (it is then killed).
 gw_stop_zibd() {
   kill -"${1:-TERM}" "$GW_ZIBD"
-  if gw_wait_for 30 gw_gone "$GW_ZIBD"; then
+  if wait_until 30 gw_gone "$GW_ZIBD"; then
     wait "$GW_ZIBD"
     echo "zibd exit=$?"
   else
@@ -98,22 +115,31 @@ gw_stop_broker() {
 }
 
 # gw_wait_status VALUE [SECONDS]: "MetaDataStorageStatus" holds VALUE.
-gw_wait_status() { "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus "$1" "${2:-60}"; }
+gw_wait_status() { "$RILLCTL" wait VFS.MetaDataService.MetaDataStorageStatus "$1" "${2:-60}" >/dev/null; }
 
-# gw_location EXPECTED: waits until the metadata location file names
-# EXPECTED (zibd publishes "OK" before it writes the file), then prints
-# "location=CONTENT|", whatever the file holds by then.
-gw_location() {
-  gw_wait_for 10 grep -qx -- "$1" /rw/zib_metadata_location
-  echo "location=$(cat /rw/zib_metadata_location)|"
+# gw_storage DIR: waits until the metadata location file and the tag store's
+# configuration both name DIR (zibd writes them after it publishes "OK"),
+# then prints "location=LOCATION ini=CONFIGURATION|", whatever they hold.
+gw_storage_is() {
+  grep -qx -- "$1" /rw/zib_metadata_location 2>/dev/null &&
+    grep -qx -- "dms-metadata-db-[0-9]*:/var/uuidmount:$1/.kord/tagdb" /tmp/.kord/kord.ini 2>/dev/null
 }
+gw_storage() {
+  wait_until 10 gw_storage_is "$1"
+  echo "location=$(cat /rw/zib_metadata_location) ini=$(sed 's/db-[0-9]*:/db-N:/' /tmp/.kord/kord.ini)|"
+}
+
+# gw_refcounts DISK...: the disks' reference counts on one line.
+gw_refcounts() { for d; do "$RILLCTL" refcount "Storage.Disk.$d"; done | paste -sd' '; }
+# gw_refcounts_are "COUNT..." DISK...
+gw_refcounts_are() { [ "$(gw_refcounts "${@:2}")" = "$1" ]; }
 
 # gw_history PATH.PARAM: the values written to the parameter, one line.
 gw_history() { "$RILLCTL" history "$1" | tr '\n' ' '; }
 
 # gw_wait_history PATH.PARAM COUNT [SECONDS]: at least COUNT values written.
 gw_history_has() { [ "$("$RILLCTL" history "$1" | wc -l)" -ge "$2" ]; }
-gw_wait_history() { gw_wait_for "${3:-60}" gw_history_has "$1" "$2"; }
+gw_wait_history() { wait_until "${3:-60}" gw_history_has "$1" "$2"; }
 
 # The inotify watches zibd holds (from its descriptors' fdinfo).
 gw_watches() { cat /proc/"$GW_ZIBD"/fdinfo/* 2>/dev/null | grep -c '^inotify wd:'; }
@@ -126,8 +152,14 @@ gw_tag() {
 }
 # gw_tags PATH: the file's tag names and values on one line.
 gw_tags() { "$KORDCTL" tags "$1" 2>/dev/null | tr '\n' ' '; }
+# gw_masked: its input with every hash "H" and every ".s.mdt" time "T".
+gw_masked() { sed -e 's/hash=[0-9a-f]\{16\}/hash=H/g' -e 's/mdt=[0-9]\{14\}/mdt=T/g'; }
 gw_known() { "$KORDCTL" tags "$1" >/dev/null 2>&1; }
-gw_unknown() { ! gw_known "$1"; }
+# gw_unknown PATH...: none of the files is in the tag store.
+gw_unknown() {
+  local f
+  for f; do ! gw_known "$f" || return 1; done
+}
 
 # gw_profiled PATH...: every file has ".s.mdt" and no ".s.tbp".
 gw_profiled() {
@@ -162,8 +194,9 @@ EOF
   chmod +x "$1"
 }
 
-# gw_runs [LOG]: the profiler runs as "TARGET TARGET...;" per run.
-gw_runs() { sed -n 's/^run [^|]*| //p' "${1:-/tmp/profiler.log}" | tr '\n' ';'; }
+# gw_runs: the profiler runs of /tmp/profiler.log as "TARGET TARGET...;" per
+# run, the runs sorted.
+gw_runs() { sed -n 's/^run [^|]*| //p' /tmp/profiler.log | sort | tr '\n' ';'; }
 
 # gw_events: the event log as "CODE PATH|" items on one line.
 gw_events() { cut -f2,3 "$TOCK_EVENTS" 2>/dev/null | tr '\t\n' ' |'; }

@@ -29,6 +29,7 @@ set -euo pipefail
 (($# >= 3)) || { echo "usage: road.sh TARGET_ZIBD HOST_TOOLS_DIR EMULATOR [ARG]..." >&2; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../../.." && pwd)
+. "$here/../../support/wait.sh"
 zibd_program=$1 tools=$2
 emulator=("${@:3}")
 
@@ -58,11 +59,6 @@ export KORDCTL=$kordctl
 failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 check() { local what=$1; shift; if "$@"; then echo "ok: $what"; else fail "$what"; fi; }
-# waitUntil SECONDS COMMAND...: polls COMMAND every 0.2 s; 1 at the time-out.
-waitUntil() {
-  local end=$((SECONDS + $1)); shift
-  until "$@"; do ((SECONDS < end)) || return 1; sleep 0.2; done
-}
 
 # ELF identification: class, data (byte order), machine.
 elfIdent() { od -An -tu1 -j4 -N2 "$1" | tr -s ' ' | sed 's/^ //'; }
@@ -109,7 +105,7 @@ printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStor
   ContentSharing.UPnPAV.IndexRules.1.EnablePicture=1 >/tmp/gateway.model
 
 "$rilld" --model /tmp/gateway.model & broker=$!
-waitUntil 10 test -S "$RILL_SOCKET" || { echo "FAIL: the broker did not start" >&2; exit 1; }
+wait_until 10 test -S "$RILL_SOCKET" || { echo "FAIL: the broker did not start" >&2; exit 1; }
 "${emulator[@]}" "$zibd_program" -t /tmp/types.ini 2>/tmp/zibd.err & zibd=$!
 started=$SECONDS
 stopAll() {
@@ -129,13 +125,13 @@ fi
 echo "ok: storage chosen after $((SECONDS - started)) s"
 # zibd writes the location file just after it publishes OK: wait for the file.
 locationIs() { [ "$(cat /rw/zib_metadata_location 2>/dev/null)" = "$1" ]; }
-check "the metadata location names the partition" waitUntil 10 locationIs "$part"
-check "the tag store is on the partition" grep -qx "dms-metadata-db-[0-9]*:/var/uuidmount:$part/.kord/tagdb" /tmp/.kord/kord.ini
+check "the metadata location names the partition" wait_until 10 locationIs "$part"
+check "the tag store is on the partition" wait_until 10 grep -qx "dms-metadata-db-[0-9]*:/var/uuidmount:$part/.kord/tagdb" /tmp/.kord/kord.ini
 refcountIs() { [ "$("$rillctl" refcount "$1")" = "$2" ]; }
-check "the daemon holds a reference on its disk" waitUntil 10 refcountIs Storage.Disk.1 1
+check "the daemon holds a reference on its disk" wait_until 10 refcountIs Storage.Disk.1 1
 
 # The first scan of the partition profiles the file that was there.
-check "the file present at start is profiled by the first scan" waitUntil 60 hasTag "$films/before.mkv" .s.mdt
+check "the file present at start is profiled by the first scan" wait_until 60 hasTag "$films/before.mkv" .s.mdt
 
 # The watch on the films directory, seen in the emulator's inotify descriptor
 # (the emulated daemon's descriptors are the emulator's own).
@@ -148,8 +144,8 @@ watching() {
   done
   return 1
 }
-check "the films directory is watched" waitUntil 30 watching "$films"
-check "the directory moved to is watched" waitUntil 30 watching "$kept"
+check "the films directory is watched" wait_until 30 watching "$films"
+check "the directory moved to is watched" wait_until 30 watching "$kept"
 
 # The first scans over ("Ready" published), so that what follows is the new
 # file's own work.
@@ -168,7 +164,7 @@ printf 'notes' >"$films/notes.txt"
 cp /tmp/source.mkv "$part/Other/elsewhere.mkv"
 close=$EPOCHREALTIME
 
-check "the new file is profiled" waitUntil 60 hasTag "$new" .s.mdt
+check "the new file is profiled" wait_until 60 hasTag "$new" .s.mdt
 awk -v now="$EPOCHREALTIME" -v closed="$close" \
   'BEGIN { printf "the new file was profiled %.1f s after its close\n", now - closed }'
 profiled_at=$(date +%s)
@@ -215,7 +211,7 @@ check "a file of no media type gets no tags" test -z "$(tags "$films/notes.txt")
 check "a media file outside the index rule's directory gets no tags" test -z "$(tags "$part/Other/elsewhere.mkv")"
 
 # The media server heard of the directory, relative to the partition.
-check "a change event for the films directory" grep -q $'\t2\t/Media/Films$' "$TOCK_EVENTS"
+check "a change event for the films directory" wait_until 10 grep -q $'\t2\t/Media/Films$' "$TOCK_EVENTS"
 # "Profiling" published once the new file's scan had work, "Ready" after it.
 # (A scan of the partition's root, which saw the tag store's directory appear,
 # may add a pair of its own.)
@@ -224,7 +220,7 @@ profilingThenReady() {
   since=$("$rillctl" history VFS.MetaDataService.ProfilingStatus | tail -n +$((history_before + 1)) | tr '\n' ' ')
   [[ $since =~ (^|\ )Profiling\ (.*\ )?Ready\ $ ]]
 }
-check "ProfilingStatus went Profiling, then Ready" waitUntil 10 profilingThenReady
+check "ProfilingStatus went Profiling, then Ready" wait_until 10 profilingThenReady
 
 # A move to another watched directory under the same name: its two events,
 # from two watches and paired by their cookie, move the tags at once, hash and
@@ -234,7 +230,7 @@ before_move=$(tags "$new")
 moved=$kept/${new##*/}
 mv "$new" "$moved"
 tagsAre() { test "$(tags "$1")" = "$2"; }
-check "a move to another directory takes the tags along at once" waitUntil 10 tagsAre "$moved" "$before_move"
+check "a move to another directory takes the tags along at once" wait_until 10 tagsAre "$moved" "$before_move"
 check "no tags are left under the old path" test -z "$(tags "$new")"
 
 trap - EXIT

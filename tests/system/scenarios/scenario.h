@@ -1,6 +1,7 @@
 // Runs one system scenario: a bash script that sources the gateway helpers
 // (tests/support/gateway-lib.sh) in its own gateway sandbox, so that every
-// scenario starts from a fresh /var/uuidmount, /rw, /tmp and /run.
+// scenario starts from a fresh /var/uuidmount, /rw, /tmp and /run. The script
+// tells its story in lines of output, which the test expects in order.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <initializer_list>
 #include <string>
 
 #include "tests/support/gateway_sandbox.h"
@@ -24,22 +26,22 @@ inline Result runScenario(const std::string& body, std::chrono::seconds timeout 
   return runInGatewaySandbox(script, timeout);
 }
 
-inline int occurrences(const std::string& text, const std::string& part) {
-  int count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
-  return count;
+// The script ran to its end, no step reported a failure, zibd wrote nothing
+// to standard error, and every part is in the output, each after the one
+// before it.
+inline void expectStory(const Result& r, std::initializer_list<std::string> parts) {
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_THAT(r.out, ::testing::Not(::testing::HasSubstr("FAILED:"))) << r.out;
+  EXPECT_THAT(r.out, ::testing::EndsWith(kZibdStderr)) << "zibd wrote to stderr";
+  std::size_t at = 0;
+  for (const std::string& part : parts) {
+    const std::size_t found = r.out.find(part, at);
+    ASSERT_NE(found, std::string::npos) << "no \"" << part << "\" after character " << at << " of:\n" << r.out;
+    at = found + part.size();
+  }
 }
 
 #define ZIBD_SCENARIO_PREREQUISITES() \
   if (::access(kFakeTimeLibrary, R_OK) != 0) GTEST_SKIP() << "no libfaketime"
-
-// After every scenario: the script ran to its end, no step reported a
-// failure, and zibd wrote nothing to standard error.
-#define ZIBD_EXPECT_SCENARIO_ENDED(r)                                       \
-  do {                                                                      \
-    ASSERT_EQ((r).status, 0) << (r).out << (r).err;                         \
-    EXPECT_THAT((r).out, ::testing::Not(::testing::HasSubstr("FAILED:"))); \
-    EXPECT_THAT((r).out, ::testing::EndsWith(kZibdStderr)) << "zibd wrote to stderr"; \
-  } while (0)
 
 }  // namespace zibd::test
