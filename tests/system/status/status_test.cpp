@@ -136,7 +136,7 @@ class LiveView : public SandboxTest {
     ASSERT_TRUE(shows("profiling:   Ready")) << output_;
   }
   void TearDown() override {
-    if (pid_ > 0) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
   }
 
   void startBroker() {
@@ -198,8 +198,10 @@ class LiveView : public SandboxTest {
 TEST_F(LiveView, FollowsTheGatewayWithAProgressBar) {
   // Four files wait, profiling starts and two are profiled: the bar follows.
   const std::string media = sandbox_ / "disk/Media/";
-  for (const char* name : {"a.mkv", "b.mkv", "c.mkv", "d.mkv"})
-    kord({"set", media + name, ".s.filetype", "STDVIDEO"}), kord({"set", media + name, ".s.tbp", "1"});
+  for (const char* name : {"a.mkv", "b.mkv", "c.mkv", "d.mkv"}) {
+    kord({"set", media + name, ".s.filetype", "STDVIDEO"});
+    kord({"set", media + name, ".s.tbp", "1"});
+  }
   EXPECT_TRUE(shows("waiting:     4")) << output_;
   ASSERT_EQ(run({binary("rillctl"), "set", "VFS.MetaDataService.ProfilingStatus", "Profiling"},
                 Env{{{"RILL_SOCKET", socket_}}}).status, 0);
@@ -230,7 +232,10 @@ TEST_F(LiveView, CtrlCEndsItWhileTheBusDoesNotAnswer) {
   auto grew = std::chrono::steady_clock::now();
   ASSERT_TRUE(waitFor([&] {  // held: no frame for five refresh intervals
     drain();
-    if (output_.size() != size) size = output_.size(), grew = std::chrono::steady_clock::now();
+    if (output_.size() != size) {
+      size = output_.size();
+      grew = std::chrono::steady_clock::now();
+    }
     return std::chrono::steady_clock::now() - grew > std::chrono::seconds(1);
   }, std::chrono::seconds(20)));
   pressUntilEnded("\x03", true);

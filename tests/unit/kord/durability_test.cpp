@@ -80,7 +80,7 @@ class KordDurabilityTest : public KordTest {
     configure();
   }
   void TearDown() override {
-    if (pid_ > 0) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
   }
 
   // Starts this program as a writer that reports on the pipe.
