@@ -34,7 +34,7 @@ std::string usage(const std::string& program) {
          "  -h          print this help text and exit\n\n";
 }
 
-// The fields of /proc/PID/stat after the command name: [3] the session, [16] the nice value.
+// /proc/PID/stat after the command name: [3] the session, [16] the nice value.
 std::vector<std::string> statFields(pid_t pid) {
   const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
   std::vector<std::string> fields;
@@ -60,8 +60,7 @@ class CliTest : public test::SandboxTest {
     sandbox_.write("types.ini", "# test map\nmp4,avi:STDVIDEO:/usr/lib/zibd/profile-video:\n"
                                 "mp3:STDAUDIO:/usr/lib/zibd/profile-audio:-q\n");
     sandbox_.write("bad.ini", "# comment\n\n   mp4:STDVIDEO:/p:\nmp3:STDAUDIO:prof\n");
-    // A 400-character comment is read in two pieces; the second is no comment.
-    sandbox_.write("long.ini", "#" + std::string(399, '-') + "\nmp4:STDVIDEO:/p:\n");
+    sandbox_.write("long.ini", "#" + std::string(399, '-') + "\nmp4:STDVIDEO:/p:\n");  // read in two pieces
     sandbox_.mkdirs("directory.ini");
   }
   std::string map_ = sandbox_ / "types.ini";
@@ -85,11 +84,9 @@ TEST_F(CliTest, BadCommandLinesAndMapsFailWithTheirMessage) {
            {{zibd, "-n", "3", "-t", map_}, 1, getopt_then_usage},  // in the usage, yet not accepted
            {{zibd, "-t", map_, "-w", "5"}, 1, getopt_then_usage},
            {{zibd, "-x", "-t", map_}, 1, getopt_then_usage},
-           {{zibd, "-x", "-h"}, 1, getopt_then_usage},
            {{zibd, "-t"}, 1, getopt_then_usage},
-           {{zibd, "-t", sandbox_ / "missing.ini"}, 1, "Could not open " + (sandbox_ / "missing.ini") + " for reading\n"},
            {{zibd, "-t", sandbox_ / "directory.ini"}, 1,
-            "Could not open " + (sandbox_ / "directory.ini") + " for reading\n"},
+            "Could not open " + (sandbox_ / "directory.ini") + " for reading\n"},  // as a missing file
            {{zibd, "-t", sandbox_ / "bad.ini"}, 1, "Parse error on line 4 of " + (sandbox_ / "bad.ini") + "\n"},
            {{zibd, "-t", sandbox_ / "long.ini"}, 1, "Parse error on line 2 of " + (sandbox_ / "long.ini") + "\n"},
        }) {
@@ -97,13 +94,9 @@ TEST_F(CliTest, BadCommandLinesAndMapsFailWithTheirMessage) {
     const test::Result r = run(c.argv);
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.out, "");
-    if (c.err != getopt_then_usage) {
-      EXPECT_EQ(r.err, c.err);
-    } else {
-      const std::string tail = usage("zibd");
-      ASSERT_GT(r.err.size(), tail.size()) << r.err;
-      EXPECT_EQ(r.err.substr(r.err.size() - tail.size()), tail);
-    }
+    const std::string want = c.err == getopt_then_usage ? usage("zibd") : c.err;
+    EXPECT_TRUE(r.err.ends_with(want)) << r.err;
+    EXPECT_EQ(r.err.size() > want.size(), c.err == getopt_then_usage) << r.err;
   }
 }
 
@@ -116,8 +109,7 @@ TEST_P(StopSignalTest, RunsAtNiceTenAndStopsCleanly) {
   daemon.signal(GetParam());
   const auto status = daemon.wait();
   ASSERT_TRUE(status.has_value()) << "still running after the signal";
-  EXPECT_TRUE(WIFEXITED(*status)) << "raw status " << *status;
-  EXPECT_EQ(test::exitCode(*status), 0);
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "raw status " << *status;
   EXPECT_EQ(daemon.err(), "");
 }
 
@@ -150,32 +142,26 @@ class DaemonModeTest : public CliTest {
   pid_t daemon_pid_ = -1;
 };
 
-TEST_F(DaemonModeTest, DetachesWritesItsPidFileAndStopsOnSigterm) {
+TEST_F(DaemonModeTest, DetachesWritesItsPidFileAndStopsOnSigtermButNeedsThePidFile) {
+  const test::Result ro = inNamespace("mount -t tmpfs -o ro none /run && exec \"$0\" -d -t \"$1\"");
+  EXPECT_EQ(ro.status, 1);
+  EXPECT_EQ(ro.err, "proc_lib_daemonize() failed\n");
+
   const test::Result r = inNamespace("mount -t tmpfs none /run && \"$0\" -d -t \"$1\" && cat /run/zibd.pid");
   ASSERT_EQ(r.status, 0) << r.err;
   daemon_pid_ = std::stoi(r.out);
-  ASSERT_GT(daemon_pid_, 0);
   ASSERT_TRUE(test::waitFor([&] { return handlesTerminationSignals(daemon_pid_); }));
   const std::string proc = "/proc/" + std::to_string(daemon_pid_);
   const auto fields = statFields(daemon_pid_);
   EXPECT_EQ(fields.at(3), std::to_string(daemon_pid_)) << "not a session leader";
   EXPECT_EQ(fields.at(16), "10");
   EXPECT_EQ(std::filesystem::read_symlink(proc + "/cwd"), "/");
-  for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"})
-    EXPECT_EQ(std::filesystem::read_symlink(proc + fd), "/dev/null") << fd;
-
+  for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"}) EXPECT_EQ(std::filesystem::read_symlink(proc + fd), "/dev/null");
   ASSERT_EQ(::kill(daemon_pid_, SIGTERM), 0);
   int status = 0;
   ASSERT_TRUE(test::waitFor([&] { return ::waitpid(daemon_pid_, &status, WNOHANG) == daemon_pid_; }));
   daemon_pid_ = -1;
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(test::exitCode(status), 0);
-}
-
-TEST_F(DaemonModeTest, FailsWhenThePidFileCannotBeWritten) {
-  const test::Result r = inNamespace("mount -t tmpfs -o ro none /run && exec \"$0\" -d -t \"$1\"");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "proc_lib_daemonize() failed\n");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "raw status " << status;
 }
 
 }  // namespace
