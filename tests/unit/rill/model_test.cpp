@@ -11,68 +11,50 @@ Path object(const std::string& text) {
   EXPECT_TRUE(path) << text;
   return path.value_or(Path{});
 }
-
 Path pattern(const std::string& text) {
   auto path = parsePattern(text);
   EXPECT_TRUE(path) << text;
   return path.value_or(Path{});
 }
+// "A.1" repeated: an object path of that many segments.
+std::string deep(size_t segments) {
+  std::string text = "A.1";
+  for (size_t i = 1; i < segments; ++i) text += ".A.1";
+  return text;
+}
 
-TEST(RillPathTest, ParsesNamesAndInstanceNumbers) {
+TEST(RillPathTest, ParsesNamesInstanceNumbersAndParameters) {
   Path p = object("Storage.Disk.12.Partition.2");
   ASSERT_EQ(p.size(), 3u);
   EXPECT_EQ(p[0].name, "Storage");
   EXPECT_FALSE(p[0].instance);
   EXPECT_EQ(p[1].name, "Disk");
   EXPECT_EQ(p[1].instance, 12u);
-  EXPECT_EQ(p[2].instance, 2u);
   EXPECT_EQ(format(p), "Storage.Disk.12.Partition.2");
   EXPECT_EQ(format(pattern("Storage.*.Partition")), "Storage.*.Partition");
-  EXPECT_EQ(format(object("ContentSharing.UPnPAV.IndexRules.3")), "ContentSharing.UPnPAV.IndexRules.3");
+  auto param = parseParamPath("Storage.Disk.1.Partition.2.Manageddisk");
+  ASSERT_TRUE(param);
+  EXPECT_EQ(format(param->object), "Storage.Disk.1.Partition.2");
+  EXPECT_EQ(param->param, "Manageddisk");
 }
 
-TEST(RillPathTest, RejectsMalformedPaths) {
-  for (const char* bad : {"", ".", "Storage.", ".Storage", "Storage..Disk", "1.Storage", "Storage.Disk.1.2",
-                          "Storage.Disk.01", "Storage.Disk.-1", "Storage.Di sk", "Storage.Disk.99999999999",
-                          "Storage.*.3", "Storage/Disk"}) {
+// Every object above an object exists too, so depth costs its square: at most
+// kMaxSegments segments, not counting a parameter name after them.
+TEST(RillPathTest, RejectsMalformedAndTooDeepPaths) {
+  for (const std::string& bad : std::vector<std::string>{
+           "", ".", "Storage.", ".Storage", "Storage..Disk", "1.Storage", "Storage.Disk.1.2", "Storage.Disk.01",
+           "Storage.Disk.-1", "Storage.Di sk", "Storage.Disk.99999999999", "Storage.*.3", "Storage/Disk",
+           std::string(kMaxPathLength + 1, 'a'), deep(kMaxSegments) + ".*"}) {
     EXPECT_FALSE(parsePattern(bad)) << bad;
   }
   EXPECT_FALSE(parseObjectPath("Storage.*.Partition"));  // a pattern names no single object
-  EXPECT_FALSE(parsePattern(std::string(kMaxPathLength + 1, 'a')));
-}
-
-// Every object above an object exists too, so depth costs its square: paths
-// have at most kMaxSegments segments (an instance number is part of its
-// segment), not counting a parameter name after them.
-TEST(RillPathTest, PathsHaveAtMostKMaxSegmentsSegments) {
-  auto deep = [](size_t segments) {
-    std::string text = "A.1";
-    for (size_t i = 1; i < segments; ++i) text += ".A.1";
-    return text;
-  };
+  EXPECT_FALSE(parseObjectPath(deep(kMaxSegments + 1)));
   EXPECT_TRUE(parseObjectPath(deep(kMaxSegments)));
   EXPECT_TRUE(parsePattern(deep(kMaxSegments - 1) + ".*"));
-  EXPECT_FALSE(parseObjectPath(deep(kMaxSegments + 1)));
-  EXPECT_FALSE(parsePattern(deep(kMaxSegments) + ".*"));
   EXPECT_TRUE(parseParamPath(deep(kMaxSegments) + ".P"));
-  EXPECT_FALSE(parseParamPath(deep(kMaxSegments + 1) + ".P"));
-
-  Model model;
-  std::string error;
-  EXPECT_TRUE(loadModel(deep(kMaxSegments) + ".P=1\n", &model, &error)) << error;
-  EXPECT_EQ(model.size(), kMaxSegments);
-  EXPECT_FALSE(loadModel("X.P=1\n" + deep(kMaxSegments + 1) + ".P=1\n", &model, &error));
-  EXPECT_EQ(error.rfind("line 2: ", 0), 0u) << error;
-}
-
-TEST(RillPathTest, ParameterPathsSplitOffTheLastName) {
-  auto p = parseParamPath("Storage.Disk.1.Partition.2.Manageddisk");
-  ASSERT_TRUE(p);
-  EXPECT_EQ(format(p->object), "Storage.Disk.1.Partition.2");
-  EXPECT_EQ(p->param, "Manageddisk");
-  EXPECT_FALSE(parseParamPath("Storage.Disk.1"));  // ends in a number: no parameter
-  EXPECT_FALSE(parseParamPath("Manageddisk"));     // no object
-  EXPECT_FALSE(parseParamPath("Storage.*.Status"));
+  for (const std::string& bad :
+       std::vector<std::string>{"Storage.Disk.1", "Manageddisk", "Storage.*.Status", deep(kMaxSegments + 1) + ".P"})
+    EXPECT_FALSE(parseParamPath(bad)) << bad;
 }
 
 TEST(RillPathTest, ClassesMatchTheirInstancesOnly) {
@@ -101,7 +83,7 @@ TEST(RillPathTest, ClassesMatchTheirInstancesOnly) {
   EXPECT_FALSE(namesOneInstance(pattern("Storage.*.Partition.1")));
 }
 
-TEST(RillModelTest, AddImpliesParentsAndRemoveTakesTheSubtree) {
+TEST(RillModelTest, AddImpliesParentsSetTellsChangesAndRemoveTakesTheSubtree) {
   Model model;
   auto created = model.add(object("Storage.Disk.1.Partition.2"), {{"Status", "1"}, {"MountPoint", "/m"}});
   ASSERT_EQ(created.size(), 3u);  // outermost first
@@ -110,8 +92,21 @@ TEST(RillModelTest, AddImpliesParentsAndRemoveTakesTheSubtree) {
   EXPECT_EQ(model.find(created[2])->params.size(), 2u);
   EXPECT_TRUE(model.add(object("Storage.Disk.1.Partition.2"), {}).empty()) << "exists already";
 
+  const Path partition = created[2];
+  EXPECT_EQ(model.set(partition, "Status", "1"), Model::SetResult::kUnchanged);
+  EXPECT_EQ(model.set(partition, "Status", "0"), Model::SetResult::kChanged);
+  EXPECT_EQ(model.set(partition, "Label", "x"), Model::SetResult::kChanged) << "a new parameter";
+  EXPECT_EQ(model.set(object("VFS.Other"), "X", "1"), Model::SetResult::kNoObject);
+  EXPECT_EQ(model.find(partition)->params.at("Status"), "0");
+
   model.add(object("Storage.Disk.1.Partition.3"), {});
   model.add(object("Storage.Disk.10.Partition.1"), {});  // shares the text prefix "Storage.Disk.1"
+  model.add(object("Storage.Disk.2"), {});
+  std::vector<std::string> disks;
+  for (const auto& [path, obj] : model.match(pattern("Storage.Disk"))) disks.push_back(format(*path));
+  EXPECT_EQ(disks, (std::vector<std::string>{"Storage.Disk.1", "Storage.Disk.2", "Storage.Disk.10"}));
+  EXPECT_EQ(model.matchAtOrBelow(pattern("Storage.Disk.1")).size(), 3u);
+
   auto removed = model.remove(object("Storage.Disk.1"));
   ASSERT_EQ(removed.size(), 3u);
   EXPECT_EQ(format(removed.back()), "Storage.Disk.1") << "children go before their parent";
@@ -120,35 +115,12 @@ TEST(RillModelTest, AddImpliesParentsAndRemoveTakesTheSubtree) {
   EXPECT_TRUE(model.remove(object("Storage.Disk.1")).empty());
 }
 
-TEST(RillModelTest, SetReportsWhetherTheValueChanged) {
-  Model model;
-  model.add(object("VFS.MetaDataService"), {{"ProfilingStatus", "Ready"}});
-  const Path service = object("VFS.MetaDataService");
-  EXPECT_EQ(model.set(service, "ProfilingStatus", "Ready"), Model::SetResult::kUnchanged);
-  EXPECT_EQ(model.set(service, "ProfilingStatus", "Profiling"), Model::SetResult::kChanged);
-  EXPECT_EQ(model.set(service, "ForceRescan", "0"), Model::SetResult::kChanged) << "a new parameter";
-  EXPECT_EQ(model.set(object("VFS.Other"), "X", "1"), Model::SetResult::kNoObject);
-  EXPECT_EQ(model.find(service)->params.at("ProfilingStatus"), "Profiling");
-}
-
-TEST(RillModelTest, MatchYieldsInstancesInNumericOrder) {
-  Model model;
-  for (const char* path : {"Storage.Disk.10", "Storage.Disk.2", "Storage.Disk.2.Partition.1"})
-    model.add(object(path), {{"P", "v"}});
-  std::vector<std::string> disks;
-  for (const auto& [path, obj] : model.match(pattern("Storage.Disk"))) disks.push_back(format(*path));
-  EXPECT_EQ(disks, (std::vector<std::string>{"Storage.Disk.2", "Storage.Disk.10"}));
-  EXPECT_EQ(model.matchAtOrBelow(pattern("Storage.Disk.2")).size(), 2u);
-  EXPECT_TRUE(model.match(pattern("ContentSharing.UPnPAV.IndexRules")).empty());
-}
-
-TEST(RillModelFileTest, SeedsObjectsFromLines) {
+TEST(RillModelFileTest, SeedsObjectsFromLinesOrNamesTheFirstBadOne) {
   Model model;
   std::string error;
   ASSERT_TRUE(loadModel("# comment\n\n  \nStorage.Disk.1.CapacityInMBytes=953869\r\n"
                         "ContentSharing.UPnPAV.IndexRules.1.PartitionName=Family disk\n"
-                        "VFS.MetaDataService.Formula=a=b\n"
-                        "VFS.MetaDataService.Empty=",
+                        "VFS.MetaDataService.Formula=a=b\nVFS.MetaDataService.Empty=",
                         &model, &error))
       << error;
   EXPECT_EQ(model.find(object("Storage.Disk.1"))->params.at("CapacityInMBytes"), "953869");
@@ -156,17 +128,16 @@ TEST(RillModelFileTest, SeedsObjectsFromLines) {
   EXPECT_EQ(model.find(object("VFS.MetaDataService"))->params.at("Formula"), "a=b");
   EXPECT_EQ(model.find(object("VFS.MetaDataService"))->params.at("Empty"), "");
   EXPECT_TRUE(model.find(object("Storage"))) << "objects above are implied";
-}
+  EXPECT_TRUE(loadModel(deep(kMaxSegments) + ".P=1\n", &model, &error)) << error;
 
-TEST(RillModelFileTest, ReportsTheNumberOfTheFirstBadLine) {
   for (const auto& [text, line] : std::vector<std::pair<std::string, std::string>>{
            {"A.B=1\n# ok\nno equals sign\n", "line 3:"},
            {"A.B=1\nStorage.Disk.1=5\n", "line 2:"},
            {"Bad..Path.X=1\n", "line 1:"},
+           {"X.P=1\n" + deep(kMaxSegments + 1) + ".P=1\n", "line 2:"},
        }) {
-    Model model;
-    std::string error;
-    EXPECT_FALSE(loadModel(text, &model, &error)) << text;
+    Model fresh;
+    EXPECT_FALSE(loadModel(text, &fresh, &error)) << text;
     EXPECT_EQ(error.rfind(line, 0), 0u) << error;
   }
 }
