@@ -25,18 +25,31 @@ using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 using Events = std::vector<std::string>;
 
+// Descriptors open on directories below root; -1 when one is inherited.
+int directoryStreams(const std::string& root) {
+  int n = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ec;
+    if (fs::read_symlink(entry.path(), ec).string().rfind(root, 0) != 0 || ec) continue;
+    if ((::fcntl(std::stoi(entry.path().filename().string()), F_GETFD) & FD_CLOEXEC) == 0) return -1;
+    ++n;
+  }
+  return n;
+}
+
 // Records every callback of a walk as "F path", "D path" or "E path" (end),
-// paths relative to the root; a callback on stop_at returns stop_code.
+// paths relative to the root, and the directory streams open at each; a
+// callback on stop_at returns stop_code.
 struct Recorder {
   std::string root, stop_at;
   int stop_code = 0;
   bool remove_dirs = false;  // rmdir every directory as it is reported
   Events events;
-
+  std::vector<int> streams;
   int record(char kind, const char* path) {
-    const std::string p = path;
-    const std::string rel = p == root ? "." : p.rfind(root + "/", 0) == 0 ? p.substr(root.size() + 1) : p;
+    const std::string p = path, rel = p == root ? "." : p.rfind(root + "/", 0) == 0 ? p.substr(root.size() + 1) : p;
     events.push_back(std::string(1, kind) + " " + rel);
+    streams.push_back(directoryStreams(root));
     if (kind == 'D' && remove_dirs) ::rmdir(path);
     return rel == stop_at ? stop_code : 0;
   }
@@ -56,13 +69,14 @@ class WalkTest : public test::SandboxTest {
   int walk(const std::string& path, bool files = true, bool dirs = true, bool recursive = true) {
     rec_.root = path;
     rec_.events.clear();
+    rec_.streams.clear();
     return fsWalkTree(path.c_str(), files ? onFile : nullptr, dirs ? onDir : nullptr, onEnd, &rec_, recursive);
   }
   Recorder rec_;
 };
 
 // A level's subdirectories are all reported while it is read, then entered
-// in the reverse order of reading.
+// in the reverse order of reading; hidden entries are skipped.
 TEST_F(WalkTest, ReportsParentsFirstEntersInReverseAndSkipsHiddenEntries) {
   for (const char* f : {"a.mp3", ".hidden.mp3", ".kord/db", "p/b.jpg", "p/.cache/deep/d.avi", "p/child/e.avi"})
     sandbox_.write(f);
@@ -74,24 +88,12 @@ TEST_F(WalkTest, ReportsParentsFirstEntersInReverseAndSkipsHiddenEntries) {
   EXPECT_EQ(dirs[0], ".");
   EXPECT_THAT(Events(dirs.begin() + 1, dirs.begin() + 4), UnorderedElementsAre("p", "q", "r"));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(dirs[4 + i], dirs[3 - i] + "/child");
+  EXPECT_EQ(rec_.only('E'), Events{"."});
   EXPECT_EQ(rec_.events.back(), "E .");
-  EXPECT_EQ(rec_.only('E').size(), 1u);
 }
 
-// Descriptors of this process open on the sandbox's directories; -1 when one
-// of them would be inherited by a child.
-int directoryStreams(const std::string& root) {
-  int n = 0;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code ec;
-    const std::string target = fs::read_symlink(entry.path(), ec).string();
-    if (ec || target.rfind(root, 0) != 0) continue;
-    if ((::fcntl(std::stoi(entry.path().filename().string()), F_GETFD) & FD_CLOEXEC) == 0) return -1;
-    ++n;
-  }
-  return n;
-}
-
+// The root is reported before it is opened; the end callback runs with
+// nothing left open.
 TEST_F(WalkTest, HoldsOneCloseOnExecDirectoryStreamAtATimeHoweverDeep) {
   std::string deep;
   for (int level = 0; level < 12; ++level) {
@@ -99,22 +101,13 @@ TEST_F(WalkTest, HoldsOneCloseOnExecDirectoryStreamAtATimeHoweverDeep) {
     sandbox_.write(deep + "f");
     sandbox_.write(deep + "g");
   }
-  struct Seen {
-    std::string root;
-    std::vector<int> streams;
-  } seen{sandbox_.path(), {}};
-  auto count = [](const char*, void* data) {
-    auto* s = static_cast<Seen*>(data);
-    s->streams.push_back(directoryStreams(s->root));
-    return 0;
-  };
-  EXPECT_EQ(fsWalkTree(sandbox_.path().c_str(), count, count, nullptr, &seen, true), 0);
-  ASSERT_EQ(seen.streams.size(), 37u);
-  EXPECT_EQ(seen.streams.front(), 0) << "the root is reported before it is opened";
-  EXPECT_EQ(std::count(seen.streams.begin() + 1, seen.streams.end(), 1), 36);
-  EXPECT_EQ(directoryStreams(sandbox_.path()), 0);
+  EXPECT_EQ(walk(sandbox_.path()), 0);
+  std::vector<int> expected(38, 1);
+  expected.front() = expected.back() = 0;
+  EXPECT_EQ(rec_.streams, expected);
 }
 
+// Not recursive: one level, files only.
 TEST_F(WalkTest, RootsOfEveryKind) {
   sandbox_.write("song.mp3");
   sandbox_.write("sub/inner.mp3");
@@ -124,14 +117,9 @@ TEST_F(WalkTest, RootsOfEveryKind) {
     bool files, dirs, recursive;
     int result;
     Events events;
-  } cases[] = {
-      {"song.mp3", true, true, true, 0, {"F .", "E ."}},
-      {"song.mp3", false, true, true, 0, {"E ."}},
-      {"fifo", true, true, true, 0, {"E ."}},
-      {"", true, true, false, 0, {"D .", "F song.mp3", "E ."}},  // one level, files only
-      {"missing", true, true, true, kFsErrPath, {}},
-      {"", false, false, true, kFsErrInvalid, {}},
-  };
+  } cases[] = {{"song.mp3", true, true, true, 0, {"F .", "E ."}}, {"song.mp3", false, true, true, 0, {"E ."}},
+               {"fifo", true, true, true, 0, {"E ."}}, {"", true, true, false, 0, {"D .", "F song.mp3", "E ."}},
+               {"missing", true, true, true, kFsErrPath, {}}, {"", false, false, true, kFsErrInvalid, {}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.root);
     const std::string root = c.root.empty() ? sandbox_.path() : sandbox_ / c.root;
@@ -154,16 +142,14 @@ TEST_F(WalkTest, FollowsALinkedRootButNotLinksInside) {
   EXPECT_THAT(rec_.only('D'), UnorderedElementsAre(".", "dir"));
 }
 
-// A callback's non-zero result ends the walk at once and is its result; an
-// unreadable directory ends it with kFsErrPath. The end callback still runs.
+// A callback's non-zero result ends the walk at once and is its result; a
+// directory that vanishes ends it with kFsErrPath. The end callback still runs.
 TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
-  for (const char* f : {"one/a", "one/b", "two/c", "three/d"}) sandbox_.write(f);
+  for (const char* f : {"one/a", "two/c", "three/d"}) sandbox_.write(f);
   EXPECT_EQ(walk(sandbox_.path()), 0);
-  const Events all = rec_.events, dirs = rec_.only('D');  // dirs: ".", then the top level as read
-  ASSERT_EQ(dirs.size(), 4u);
-  const auto first_file = std::find_if(all.begin(), all.end(), [](const auto& e) { return e[0] == 'F'; });
-  ASSERT_NE(first_file, all.end());
-  for (const std::string& stop : {*first_file, "D " + dirs[2]}) {
+  const Events all = rec_.events, dirs = rec_.only('D');  // ".", the top level as read, then entered
+  ASSERT_TRUE(dirs.size() == 4u && all.size() == 8u && all[4][0] == 'F');
+  for (const std::string& stop : {all[4], "D " + dirs[2]}) {
     rec_.stop_at = stop.substr(2);
     rec_.stop_code = 7;
     EXPECT_EQ(walk(sandbox_.path()), 7);
@@ -171,7 +157,6 @@ TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
     expected.push_back("E .");
     EXPECT_EQ(rec_.events, expected);
   }
-  // The directory entered first is emptied, and removed as it is reported.
   rec_.stop_at.clear();
   rec_.remove_dirs = true;
   for (const auto& f : fs::directory_iterator(sandbox_ / dirs[3])) fs::remove(f.path());
@@ -179,8 +164,7 @@ TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
   EXPECT_EQ(rec_.events, (Events{"D .", "D " + dirs[1], "D " + dirs[2], "D " + dirs[3], "E ."}));
 }
 
-// No single call may name a path of more than 4095 characters: long paths
-// are made a component at a time.
+// Made a component at a time: no call may name more than 4095 characters.
 std::string makeDirectoryOfLength(std::string path, std::size_t length) {
   while (path.size() < length) {
     const std::size_t room = length - path.size() - 1;
@@ -191,14 +175,12 @@ std::string makeDirectoryOfLength(std::string path, std::size_t length) {
 }
 
 TEST_F(WalkTest, DirectoryOf4095CharactersIsRefusedAndNamesBelow4094AreCutAt4096) {
-  sandbox_.mkdirs("a");
-  sandbox_.mkdirs("b");
+  for (const char* d : {"a", "b"}) sandbox_.mkdirs(d);
   const std::string refused = makeDirectoryOfLength(sandbox_ / "a", 4095);
   EXPECT_EQ(walk(refused), kFsErrPath);
   EXPECT_THAT(rec_.events, ElementsAre("D .", "E ."));
   EXPECT_EQ(walk(sandbox_ / "a", false), kFsErrPath);
   EXPECT_EQ(rec_.only('D').back().size(), refused.size() - (sandbox_ / "a").size() - 1);
-
   const std::string dir = makeDirectoryOfLength(sandbox_ / "b", 4094);
   FileDescriptor dir_fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_TRUE(dir_fd);
@@ -209,28 +191,18 @@ TEST_F(WalkTest, DirectoryOf4095CharactersIsRefusedAndNamesBelow4094AreCutAt4096
 }
 
 TEST(PathHelpers, IsUnderAndDirName) {
-  const struct {
-    const char *prefix, *path;
-    bool under;
-  } under[] = {
-      {"/a", "/a", true},    {"/a", "/a/b", true},     {"/a/b", "/a/b/c/d", true}, {"/a", "/ab", false},
-      {"/a/b", "/a", false}, {"/a/b", "/a/c", false},  {"/a/", "/a/b", false},     {"/a/", "/a/", true},
-      {"", "/x", true},      {"", "", true},           {"", "x", false},           {nullptr, "/a", false},
-  };
+  const struct { const char *prefix, *path; bool under; } under[] = {
+      {"/a", "/a", true},    {"/a", "/a/b", true},    {"/a/b", "/a/b/c/d", true}, {"/a", "/ab", false},
+      {"/a/b", "/a", false}, {"/a/b", "/a/c", false}, {"/a/", "/a/b", false},     {"/a/", "/a/", true},
+      {"", "/x", true},      {"", "", true},          {"", "x", false},           {nullptr, "/a", false}};
   for (const auto& c : under)
     EXPECT_EQ(fsPathIsUnder(c.prefix, c.path), c.under) << (c.prefix ? c.prefix : "null") << " " << c.path;
 
-  const struct {
-    const char* path;
-    std::size_t size;
-    int result;
-    const char* parent;
-  } dir_names[] = {
+  // "/abcd" in 5: a parent exactly size long is ended at dest[size].
+  const struct { const char* path; std::size_t size; int result; const char* parent; } dir_names[] = {
       {"/var/uuidmount/p1", 15, 0, "/var/uuidmount"}, {"/x", 1, 0, ""}, {"/a/b/", 8, 0, "/a/b"},
-      {"rel/name", 8, 0, "rel"}, {"/abcd/e", 5, 0, "/abcd"},  // exactly size long: dest[size] ends it
-      {"/abcd/e", 4, kFsErrTooSmall, nullptr}, {"noslash", 7, kFsErrInvalid, nullptr},
-      {nullptr, 7, kFsErrInvalid, nullptr}, {"/a/b", 0, kFsErrInvalid, nullptr},
-  };
+      {"rel/name", 8, 0, "rel"}, {"/abcd/e", 5, 0, "/abcd"}, {"/abcd/e", 4, kFsErrTooSmall, nullptr},
+      {"noslash", 7, kFsErrInvalid, nullptr}, {nullptr, 7, kFsErrInvalid, nullptr}, {"/a/b", 0, kFsErrInvalid, nullptr}};
   for (const auto& c : dir_names) {
     char dest[16];
     std::memset(dest, 'z', sizeof dest);

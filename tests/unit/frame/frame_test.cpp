@@ -1,10 +1,9 @@
-// Command line, termination signals and the host process helpers. The
-// command line as a whole is tested by starting the daemon (tests/system/cli).
+// Command line and termination signals. The command line as a whole is
+// tested by starting the daemon (tests/system/cli).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -13,7 +12,6 @@
 #include "frame/command_line.h"
 #include "frame/daemon_state.h"
 #include "frame/signals.h"
-#include "platform/proc_lib.h"
 
 namespace zibd {
 namespace {
@@ -69,37 +67,6 @@ TEST_P(TerminationSignal, IsHandledInsideTheWaitThatLetsItIn) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, TerminationSignal, ::testing::Values(SIGQUIT, SIGTERM, SIGINT),
                          [](const auto& p) { return std::string(sigabbrev_np(p.param)); });
-
-TEST(ProcLib, RemovePathPointsAfterTheLastSlash) {
-  const struct {
-    const char* path;
-    int offset;
-  } cases[] = {{"/usr/sbin/zibd", 10}, {"./zibd", 2}, {"zibd", 0}, {"/usr/sbin/", 10}};
-  for (const auto& c : cases) EXPECT_EQ(proc_lib_remove_path(c.path), c.path + c.offset) << c.path;
-}
-
-// A name that cannot make a pid file name fails before anything changes. The
-// call runs in a child, so that a wrong success cannot end the test program.
-TEST(ProcLib, DaemonizeRefusesNamesThatAreNotFileNames) {
-  for (const char* name : {"", "bad/name", "../zibd"}) {
-    int report[2];
-    ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      const pid_t before = ::getpid();
-      const bool unchanged = proc_lib_daemonize(name) != 0 && ::getpid() == before && ::getsid(0) != before &&
-                             ::fcntl(STDERR_FILENO, F_GETFD) >= 0;
-      ::_exit(::write(report[1], unchanged ? "u" : "d", 1) == 1 ? 0 : 1);
-    }
-    ::close(report[1]);
-    char verdict = 0;
-    EXPECT_EQ(::read(report[0], &verdict, 1), 1);
-    ::close(report[0]);
-    ::waitpid(child, nullptr, 0);
-    EXPECT_EQ(verdict, 'u') << '"' << name << '"';
-  }
-}
 
 }  // namespace
 }  // namespace zibd

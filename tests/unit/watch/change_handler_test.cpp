@@ -1,6 +1,6 @@
 // The change handling on the clock's boundaries, against a real tag store:
-// directories settle after 3 quiet seconds and the last close, deletes wait
-// as long, moves apply at once.
+// directories settle after 3 quiet seconds and the last close, deletes wait as
+// long, moves apply at once.
 #include "watch/change_handler.h"
 
 #include <gtest/gtest.h>
@@ -41,13 +41,10 @@ constexpr uint32_t kDeletedFile = FS_CHANGE_DELETED | FS_CHANGE_FILE;
 
 class ChangeHandlerTest : public test::KordTest {
  protected:
-  void SetUp() override {
-    KordTest::SetUp();
-    configure();
-  }
+  void SetUp() override { KordTest::SetUp(); configure(); }
   int notice(const std::string& relative, uint32_t flags, const std::string& old_relative = "") {
-    return handler_.fsHandleChange(at(relative).c_str(), old_relative.empty() ? nullptr : at(old_relative).c_str(),
-                                   flags);
+    const std::string old = old_relative.empty() ? "" : at(old_relative);
+    return handler_.fsHandleChange(at(relative).c_str(), old.empty() ? nullptr : old.c_str(), flags);
   }
   void flushAfter(std::time_t seconds) {
     now_ += seconds;
@@ -106,11 +103,12 @@ TEST_F(ChangeHandlerTest, DeletedDirectoryLeavesTheTagStoreOnceWithItsContents) 
   EXPECT_TRUE(handler_.pendingDeletes().empty());
 }
 
+// A relative path or a move without its source is refused; what is pending
+// when the storage goes is dropped.
 TEST_F(ChangeHandlerTest, BadNoticesAreRefusedAndNothingIsKeptWithoutStorage) {
   EXPECT_EQ(handler_.fsHandleChange("relative.mp3", nullptr, kCreatedFile), kFsErrInvalid);
   EXPECT_EQ(notice("p1/x.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE), kFsErrInvalid);
   EXPECT_TRUE(handler_.pendingChanges().empty());
-
   tag(at("p1/gone.mp3"), {{".s.hash", "1"}});
   notice("p1/gone.mp3", kDeletedFile);
   notice("p1/other/new.mp3", kWrittenFile);
@@ -137,18 +135,11 @@ TEST_F(ChangeHandlerTest, MovesApplyAtOnceAndCarryPendingDirectories) {
 
 TEST_F(ChangeHandlerTest, MovesAcrossTheManagedMediaTreeAreMarkedInvisible) {
   storage_.managed = at("p1");
-  const struct {
-    const char* from;
-    const char* to;
-    const char* invisible;
-  } cases[] = {
-      {"p1/Media/a.mp3", "p1/other/a.mp3", "1"},  // out of Media
-      {"p1/other/b.mp3", "p1/Media/b.mp3", "1"},  // into Media
-      {"p1/other/c.mp3", "p2/c.mp3", "1"},        // off the partition
-      {"p1/Media/d.mp3", "p1/Media/music/d.mp3", "absent"},
-      {"p1/Media/e.mp3", "p2/e.mp3", "absent"},
-      {"p2/f.mp3", "p2/g.mp3", "absent"},
-  };
+  // Out of Media, into it, off the partition: invisible; within Media, or never on it: not.
+  const struct { const char *from, *to, *invisible; } cases[] = {
+      {"p1/Media/a.mp3", "p1/other/a.mp3", "1"}, {"p1/other/b.mp3", "p1/Media/b.mp3", "1"},
+      {"p1/other/c.mp3", "p2/c.mp3", "1"},       {"p1/Media/d.mp3", "p1/Media/music/d.mp3", "absent"},
+      {"p1/Media/e.mp3", "p2/e.mp3", "absent"},  {"p2/f.mp3", "p2/g.mp3", "absent"}};
   for (const auto& c : cases) {
     tag(at(c.from), {{".s.hash", "1"}});
     notice(c.to, FS_CHANGE_MOVED | FS_CHANGE_FILE, c.from);
