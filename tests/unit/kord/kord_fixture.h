@@ -1,6 +1,5 @@
-// A sandboxed tag store: the configuration file, the update signal and the
-// view directories live in the test's temporary directory, and the database
-// covers <sandbox>/uuidmount.
+// A sandboxed tag store: kord.ini, the update signal and the views live in
+// the test's temporary directory; the database covers <sandbox>/uuidmount.
 #pragma once
 
 #include <fcntl.h>
@@ -30,19 +29,13 @@ class KordTest : public SandboxTest {
     sandbox_.write("update");
     for (const char* p : {"uuidmount/p1", "uuidmount/p2"}) sandbox_.mkdirs(p);
   }
-
   std::string root() const { return sandbox_ / "uuidmount"; }
   std::string at(const std::string& relative) const { return root() + "/" + relative; }
   std::string database(const std::string& partition = "p1") const { return at(partition + "/.kord/tagdb"); }
-
   // Writes the line the daemon writes when it chooses a partition.
   void configure(const std::string& partition = "p1", const std::string& seconds = "1700000000") {
     sandbox_.write("kord.ini", "dms-metadata-db-" + seconds + ":" + root() + ":" + database(partition) + "\n");
   }
-
-  // Opens and closes the update file, as the daemon does after every change.
-  void signalUpdate() const { ::close(::open((sandbox_ / "update").c_str(), O_RDONLY | O_CLOEXEC)); }
-
   static Handle open() { return Handle(kord_bulk_init()); }
 
   // Sets tags on one file through a fresh handle and commits.
@@ -52,18 +45,15 @@ class KordTest : public SandboxTest {
     for (const auto& [name, value] : tags) ASSERT_EQ(kord_bulk_settag(h.get(), name.c_str(), value.c_str()), 0);
     ASSERT_EQ(kord_bulk_commit(h.get()), 0);
   }
-
   // The file's tags as NAME=VALUE, or "unknown".
   static std::string tagsOf(const std::string& path) {
     std::vector<std::pair<std::string, std::string>> tags;
-    kord::Status s = kord::listTags(path, &tags);
-    if (s == kord::Status::kNotFound) return "unknown";
-    if (s != kord::Status::kOk) return "error: " + kord::lastError().message;
+    const kord::Status s = kord::listTags(path, &tags);
+    if (s != kord::Status::kOk) return s == kord::Status::kNotFound ? "unknown" : "error: " + kord::lastError().message;
     std::string text;
     for (const auto& [name, value] : tags) text += (text.empty() ? "" : " ") + name + "=" + value;
     return text;
   }
-
   // One tag through a fresh handle; "absent" when gettag fails.
   static std::string getTag(const std::string& path, const char* name) {
     Handle h = open();
@@ -71,7 +61,6 @@ class KordTest : public SandboxTest {
     char value[256];
     return kord_bulk_gettag(h.get(), name, value, sizeof value) == 0 ? value : "absent";
   }
-
   static std::vector<std::string> files(const std::string& under = "/") {
     std::vector<std::string> paths;
     if (kord::listFiles(under, &paths) != kord::Status::kOk) paths = {"error: " + kord::lastError().message};
@@ -87,7 +76,6 @@ inline std::map<std::string, std::string> linksIn(const std::string& dir) {
     if (entry.is_symlink()) links[entry.path().filename()] = std::filesystem::read_symlink(entry.path());
   return links;
 }
-
 // Just the targets, sorted.
 inline std::vector<std::string> linkTargets(const std::string& dir) {
   std::vector<std::string> targets;

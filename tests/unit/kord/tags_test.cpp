@@ -1,18 +1,22 @@
-// Tags of files and subtrees through the bulk handle, kord_move, kord_delete
-// and kord_cleanup_attached against a real SQLite file, and how the library
-// finds that file through the configuration.
+// The host tag store against a real SQLite file: tags of files and subtrees,
+// move, delete, cleanup, the configuration naming the database, the condition
+// language, and the daemon's threads using it at once (run under TSan too).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <thread>
 
+#include "host/kord/condition.h"
+#include "host/kord/failure.h"
 #include "tests/unit/kord/kord_fixture.h"
 
 namespace zibd::test {
 namespace {
 
 using ::testing::ElementsAre;
+using namespace std::string_view_literals;
 
 class KordTagsTest : public KordTest {
  protected:
@@ -22,7 +26,7 @@ class KordTagsTest : public KordTest {
   }
 };
 
-TEST_F(KordTagsTest, SetGetDeleteCommitAndFini) {
+TEST_F(KordTagsTest, BulkHandleSetsGetsAndDeletesTagsOfFilesBelowTheRoot) {
   const std::string file = at("p1/Media/movie.mp4");
   Handle h = open();
   ASSERT_EQ(kord_bulk_setpath(h.get(), file.c_str()), 0) << kord::lastError().message;
@@ -39,37 +43,29 @@ TEST_F(KordTagsTest, SetGetDeleteCommitAndFini) {
   EXPECT_STREQ(value, "STDAUDIO");
   ASSERT_EQ(kord_bulk_commit(h.get()), 0);
   EXPECT_EQ(tagsOf(file), ".s.filetype=STDAUDIO .s.tbp=1");
-
   ASSERT_EQ(kord_bulk_deltag(h.get(), ".s.tbp"), 0);
-  EXPECT_NE(kord_bulk_deltag(h.get(), ".s.tbp"), 0) << "the tag is gone already";
+  EXPECT_NE(kord_bulk_deltag(h.get(), ".s.tbp"), 0) << "gone already";
   ASSERT_EQ(kord_bulk_commit(h.get()), 0);
   EXPECT_EQ(tagsOf(file), ".s.filetype=STDAUDIO");
-  char small[5];  // values are truncated to the buffer, always terminated
+  char small[5];  // truncated to the buffer, always terminated
   ASSERT_EQ(kord_bulk_gettag(h.get(), ".s.filetype", small, sizeof small), 0);
   EXPECT_STREQ(small, "STDA");
-  EXPECT_NE(kord_bulk_gettag(h.get(), ".s.filetype", small, 0), 0);
 
-  // Uncommitted changes die with the handle.
-  ASSERT_EQ(kord_bulk_settag(h.get(), ".s.filetype", "changed"), 0);
-  ASSERT_EQ(kord_bulk_setpath(h.get(), at("p1/never.mp3").c_str()), 0);
-  ASSERT_EQ(kord_bulk_settag(h.get(), ".s.tbp", "1"), 0);
-  h.reset();
-  EXPECT_EQ(tagsOf(file), ".s.filetype=STDAUDIO");
-  EXPECT_EQ(tagsOf(at("p1/never.mp3")), "unknown");
-}
-
-TEST_F(KordTagsTest, SetpathRefusesPathsOutsideTheRootAndMalformedPaths) {
-  Handle h = open();
-  ASSERT_EQ(kord_bulk_setpath(h.get(), at("p1/ok.mp4").c_str()), 0);
   for (const std::string& bad : {std::string("/etc/passwd"), root() + "x/a.mp4", std::string("relative/a.mp4"),
                                  at("p1/../../escape.mp4"), at("p1//a.mp4"), at("p1/dir/"), std::string()}) {
     EXPECT_NE(kord_bulk_setpath(h.get(), bad.c_str()), 0) << bad;
     EXPECT_EQ(kord::lastError().status, kord::Status::kBadArgument) << bad;
     EXPECT_NE(kord_bulk_settag(h.get(), ".s.tbp", "1"), 0) << "nothing stays selected after " << bad;
   }
-  ASSERT_EQ(kord_bulk_commit(h.get()), 0);
-  EXPECT_EQ(tagsOf(at("p1/ok.mp4")), "unknown");
   EXPECT_EQ(kord_bulk_setpath(h.get(), root().c_str()), 0) << "the root itself is below the root";
+  // Uncommitted changes die with the handle.
+  ASSERT_EQ(kord_bulk_setpath(h.get(), file.c_str()), 0);
+  ASSERT_EQ(kord_bulk_settag(h.get(), ".s.filetype", "changed"), 0);
+  ASSERT_EQ(kord_bulk_setpath(h.get(), at("p1/never.mp3").c_str()), 0);
+  ASSERT_EQ(kord_bulk_settag(h.get(), ".s.tbp", "1"), 0);
+  h.reset();
+  EXPECT_EQ(tagsOf(file), ".s.filetype=STDAUDIO");
+  EXPECT_EQ(files(), std::vector<std::string>{file});
 }
 
 // Subtree operations take the directory and what is below it, never a
@@ -78,8 +74,8 @@ TEST_F(KordTagsTest, RecursiveTagMoveAndDeleteTouchTheSubtreeOnly) {
   const std::vector<std::string> inside = {at("p1/a/b/one.mp4"), at("p1/a/b/deep/two.mp4")};
   const std::vector<std::string> outside = {at("p1/a/bc/three.mp4"), at("p1/a/b.mp4"), at("p1/a/b%/x.mp4"),
                                             at("p1/a/b_/x.mp4"), at("p1/a/b[1]*.mp4")};
-  for (const auto& f : inside) tag(f, {{".s.invisible", "0"}});
-  for (const auto& f : outside) tag(f, {{".s.invisible", "0"}});
+  for (const auto* set : {&inside, &outside})
+    for (const auto& f : *set) tag(f, {{".s.invisible", "0"}});
   Handle h = open();
   ASSERT_EQ(kord_bulk_setpath(h.get(), at("p1/a/b").c_str()), 0);  // a directory the database does not know
   ASSERT_EQ(kord_bulk_settag_recursive(h.get(), ".s.invisible", "1"), 0);
@@ -91,7 +87,7 @@ TEST_F(KordTagsTest, RecursiveTagMoveAndDeleteTouchTheSubtreeOnly) {
   ASSERT_EQ(kord_move(at("p1/a/b").c_str(), at("p2/z").c_str()), 0) << kord::lastError().message;
   EXPECT_THAT(files(at("p2")), ElementsAre(at("p2/z"), at("p2/z/deep/two.mp4"), at("p2/z/one.mp4")));
   EXPECT_EQ(files(at("p1")).size(), outside.size());
-  // A single file onto a known one: the destination's old tags go, as rename(2) replaces it.
+  // A file onto a known one: the destination's old tags go, as rename(2) replaces it.
   tag(at("p1/a/b.mp4"), {{".s.hash", "4"}});
   ASSERT_EQ(kord_move(at("p1/a/b.mp4").c_str(), at("p2/z/one.mp4").c_str()), 0);
   EXPECT_EQ(tagsOf(at("p2/z/one.mp4")), ".s.hash=4 .s.invisible=0");
@@ -110,21 +106,13 @@ TEST_F(KordTagsTest, RecursiveTagMoveAndDeleteTouchTheSubtreeOnly) {
   EXPECT_NE(kord_delete("not/absolute"), 0);
 }
 
-// kord_cleanup_attached: the check decides, the stop flag interrupts. The
-// check is a plain function pointer, so its state lives here.
+// kord_cleanup_attached: the check is a plain function pointer, so its state is global.
 std::vector<std::string> g_checked;
-int* g_stop = nullptr;
-
+int* g_stop = nullptr;  // raised at the 300th check
 int dropNamesWithGone(const char* path) {
   g_checked.push_back(path);
   if (g_stop && g_checked.size() == 300) std::atomic_ref<int>(*g_stop).store(1);
   return std::string(path).find("gone") != std::string::npos ? 1 : 0;
-}
-
-// A concurrent rename between the check and the drop.
-int moveAwayThenDrop(const char* path) {
-  g_checked.push_back(path);
-  return kord_move(path, (std::string(path) + ".moved").c_str()) == 0 ? 1 : 0;
 }
 
 class KordCleanupTest : public KordTagsTest {
@@ -145,14 +133,15 @@ TEST_F(KordCleanupTest, DropsExactlyTheFilesTheCheckRejectsBelowThePath) {
   ASSERT_EQ(cleanup(at("p1")), 0) << kord::lastError().message;
   EXPECT_THAT(g_checked, ElementsAre(at("p1"), at("p1/gone.mp4"), at("p1/keep.mp4"), at("p1/sub/gone-too.mp3")));
   EXPECT_THAT(files(), ElementsAre(at("p1"), at("p1/keep.mp4"), at("p1x/gone.mp4"), at("p2/gone.mp4")));
-
+  // Renamed between the check and the drop: kept under the new names.
   g_checked.clear();
-  ASSERT_EQ(cleanup(at("p1"), moveAwayThenDrop), 0);
+  ASSERT_EQ(cleanup(at("p1"), [](const char* path) {
+              g_checked.push_back(path);
+              return kord_move(path, (std::string(path) + ".moved").c_str()) == 0 ? 1 : 0;
+            }), 0);
   EXPECT_EQ(g_checked.size(), 2u);
-  EXPECT_THAT(files(), ElementsAre(at("p1.moved"), at("p1.moved/keep.mp4"), at("p1x/gone.mp4"), at("p2/gone.mp4")))
-      << "kept under their new names";
+  EXPECT_THAT(files(), ElementsAre(at("p1.moved"), at("p1.moved/keep.mp4"), at("p1x/gone.mp4"), at("p2/gone.mp4")));
   EXPECT_NE(cleanup("relative"), 0);
-  EXPECT_NE(cleanup(root(), nullptr), 0);
 }
 
 // Files are checked a chunk at a time (fewer than 300); the flag is polled before every file.
@@ -172,69 +161,138 @@ TEST_F(KordCleanupTest, StopsOnTheFlagKeepingTheDecisionsSoFarAndALaterRunFinish
   EXPECT_NE(cleanup(root()), 0) << "raised before the start";
   EXPECT_TRUE(g_checked.empty());
   stop_ = 0;
-  g_stop = nullptr;
-  ASSERT_EQ(cleanup(root(), [](const char* path) {
-              g_checked.push_back(path);
-              return 0;  // keeps it
-            }),
-            0);
-  EXPECT_EQ(g_checked.size(), 300u) << "each file checked once";
+  ASSERT_EQ(cleanup(root(), [](const char* path) { return static_cast<int>(g_checked.emplace_back(path).empty()); }), 0);
+  EXPECT_EQ(g_checked.size(), 300u) << "each kept file checked once";
   EXPECT_EQ(files().size(), 300u);
 }
 
-// Where the database lives: the configuration file, followed on its changes
-// and on the update signal. Every call fails while there is none.
+// The database is the one kord.ini names, followed on its changes and on the
+// update signal; every call fails while there is none.
 TEST_F(KordTest, FollowsTheConfigurationAndFailsWithoutOne) {
   auto commit = [](kord_bulk_t* h, const std::string& path) {
     return kord_bulk_setpath(h, path.c_str()) == 0 && kord_bulk_settag(h, ".s.tbp", "1") == 0 &&
            kord_bulk_commit(h) == 0;
   };
+  auto signal = [&] { ::close(::open((sandbox_ / "update").c_str(), O_RDONLY | O_CLOEXEC)); };
   auto noDatabase = [&](const std::string& why) {
     SCOPED_TRACE(why);
     Handle h = open();
     EXPECT_FALSE(commit(h.get(), at("p1/a.mp4")));
     EXPECT_EQ(kord::lastError().status, kord::Status::kNoDatabase);
-    EXPECT_EQ(kord_bulk_commit(h.get()), 0) << "nothing to commit is no failure";
-    EXPECT_NE(kord_move(at("p1/a").c_str(), at("p1/b").c_str()), 0);
-    EXPECT_NE(kord_delete(at("p1/a.mp4").c_str()), 0);
-    EXPECT_NE(kord_view_create("v"), 0);
     int stop = 0;
-    EXPECT_NE(kord_cleanup_attached(root().c_str(), &stop, [](const char*) { return 1; }), 0);
-    std::vector<std::string> paths;
-    EXPECT_EQ(kord::listFiles("/", &paths), kord::Status::kNoDatabase);
+    EXPECT_TRUE(kord_move(at("p1/a").c_str(), at("p1/b").c_str()) && kord_delete(at("p1/a.mp4").c_str()) &&
+                kord_view_create("v") && kord_cleanup_attached(root().c_str(), &stop, [](const char*) { return 1; }));
   };
   Handle h = open();  // the scanner opens its handle before storage is chosen
   noDatabase("no file");
   configure("p1");
-  signalUpdate();
+  signal();
   ASSERT_TRUE(commit(h.get(), at("p1/a.mp4"))) << kord::lastError().message;
   struct stat st;
   EXPECT_EQ(::stat(database("p1").c_str(), &st), 0) << "made on the chosen partition";
   configure("p2", "1700000100");
-  signalUpdate();
+  signal();
   ASSERT_TRUE(commit(h.get(), at("p2/b.mp4"))) << kord::lastError().message;
   EXPECT_EQ(files(), std::vector<std::string>{at("p2/b.mp4")});
   configure("p1", "17");  // no signal: the change of the file alone is enough
   EXPECT_EQ(files(), std::vector<std::string>{at("p1/a.mp4")});
-
   // Same inode, size and modification time: only the signal tells.
   ASSERT_EQ(::stat((sandbox_ / "kord.ini").c_str(), &st), 0);
   configure("p2", "17");
   const struct timespec times[2] = {st.st_atim, st.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, (sandbox_ / "kord.ini").c_str(), times, 0), 0);
-  signalUpdate();
+  signal();
   ASSERT_TRUE(commit(h.get(), at("p2/c.mp4")));
   EXPECT_EQ(files(), (std::vector<std::string>{at("p2/b.mp4"), at("p2/c.mp4")}));
-
   // The daemon empties it when its disk goes away.
   for (const std::string& text : {std::string(""), std::string("dms-metadata-db-1 no colons\n"),
                                   "dms-metadata-db-1:relative/root:" + database() + "\n"}) {
     sandbox_.write("kord.ini", text);
-    signalUpdate();
+    signal();
     noDatabase(text);
   }
   configure("p1");
   EXPECT_EQ(tagsOf(at("p1/a.mp4")), ".s.tbp=1") << "nothing was touched meanwhile";
+}
+
+// The profiler batches' condition; views over SQL are checked in views_test.
+constexpr const char* kDaemon = "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and @.s.batchidx@='0'";
+
+TEST_F(KordTagsTest, ConditionsMatchExactlyTheTagsTheyNameAndMalformedOnesAreRefused) {
+  using Tags = std::vector<std::pair<std::string, std::string>>;
+  const struct {
+    const char* condition;
+    Tags tags;
+    bool matches;
+  } cases[] = {
+      {kDaemon, {{".s.batchidx", "0"}, {".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}}, true},
+      {kDaemon, {{".s.tbp", ""}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "0"}, {".s.hash", "x"}}, true},
+      {kDaemon, {{".s.filetype", "STDVIDEO"}, {".s.batchidx", "0"}}, false},
+      {kDaemon, {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO"}, {".s.batchidx", "1"}}, false},
+      {kDaemon, {{".s.tbp", "1"}, {".s.filetype", "STDVIDEO0"}, {".s.batchidx", "0"}}, false},
+      {kDaemon, {{".s.tbp", "1"}, {".s.filetype", "0"}, {".s.batchidx", "STDVIDEO"}}, false},
+      {"  @a@ = ''   and  @b c@ exists ", {{"a", ""}, {"b c", "1"}}, true},
+      {"  @a@ = ''   and  @b c@ exists ", {{"a", "x"}, {"b c", "1"}}, false},
+      {"@a@='x y and z'", {{"a", "x y and z"}}, true},
+      {"@a@='x y and z'", {{"a", "x y"}}, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.condition);
+    EXPECT_EQ(kord::Condition::parse(c.condition).matches(c.tags), c.matches);
+  }
+  // A NUL byte (possible through the C++ API) must not cut the SQL text short.
+  for (std::string_view bad : {""sv, "   "sv, "@a@"sv, "@a@ exists or @b@ exists"sv, "@a@ exists and"sv,
+                               "@a@ exists and and @b@ exists"sv, "@a@='x"sv, "@@ exists"sv, "@a exists"sv,
+                               "a exists"sv, "@a@ existsx"sv, "@a@=x"sv, "@a@ exists @b@ exists"sv,
+                               "@a@='x'and @b@ exists"sv, "@a@='x' trailing"sv, "@a@ exists AND @b@ exists"sv,
+                               "@a@!='x'"sv, "@a\0b@='4'"sv, "@it's@='x\0y'"sv}) {
+    std::vector<std::string> paths;
+    EXPECT_THROW(kord::Condition::parse(bad), kord::Failure) << bad;
+    EXPECT_EQ(kord::query(std::string(bad), &paths), kord::Status::kBadArgument) << bad;
+    EXPECT_THAT(kord::lastError().message, ::testing::HasSubstr("bad condition")) << bad;
+  }
+}
+
+// The scanner's bulk handle, the main thread's moves and deletes and the bus
+// thread's short-lived handles at once, with a view following the commits.
+TEST_F(KordTagsTest, ScannerMainAndBusThreadsWorkSideBySide) {
+  ASSERT_EQ(kord_view_create("v"), 0);
+  ASSERT_EQ(kord_view_set_cond("v", "@.s.tbp@ exists"), 0);
+  std::atomic<int> failures{0};
+  std::atomic<bool> scanned{false};
+  auto ok = [&](bool failed) { failures += failed ? 1 : 0; };
+  std::thread scanner([&] {
+    Handle h = open();
+    for (int i = 0; i < 300; ++i)
+      ok(kord_bulk_setpath(h.get(), at("p1/s/f" + std::to_string(i)).c_str()) ||
+         kord_bulk_settag(h.get(), ".s.tbp", "1") || kord_bulk_commit(h.get()));
+    scanned = true;
+  });
+  std::thread main_thread([&] {
+    for (int i = 0; i < 100; ++i) {
+      const std::string from = at("p2/m/a" + std::to_string(i)), to = at("p2/m/b" + std::to_string(i));
+      tag(from, {{".s.tbp", "1"}});
+      ok(kord_move(from.c_str(), to.c_str()) || (i % 2 && kord_delete(to.c_str())));
+    }
+  });
+  std::thread bus([&] {
+    for (int i = 0, last = 0; !last; ++i) {  // the last round, after the scanner, hides all
+      last = i >= 40 && scanned;
+      Handle h = open();
+      ok(kord_bulk_setpath(h.get(), at("p1/s").c_str()) ||
+         kord_bulk_settag_recursive(h.get(), ".s.invisible", last || i % 2 ? "1" : "0") || kord_bulk_commit(h.get()));
+    }
+  });
+  char dir[100];
+  for (int i = 0; i < 20; ++i) ok(kord_view_get_path("v", dir, sizeof dir) == 0);
+  for (std::thread* t : {&scanner, &main_thread, &bus}) t->join();
+  EXPECT_EQ(failures.load(), 0) << kord::lastError().message;
+  std::vector<std::string> pending;
+  ASSERT_EQ(kord::query("@.s.tbp@ exists", &pending), kord::Status::kOk);
+  EXPECT_EQ(pending.size(), 350u);
+  EXPECT_EQ(files(at("p2/m")).size(), 50u);
+  EXPECT_EQ(tagsOf(at("p1/s/f0")), ".s.invisible=1 .s.tbp=1");
+  EXPECT_EQ(linkTargets(dir), pending) << "the view followed every commit";
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,10 +14,10 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using std::filesystem::exists;
 
 constexpr const char* kView = "zibprof.4242.STDVIDEO.0.1";
 constexpr const char* kCondition = "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and @.s.batchidx@='0'";
-constexpr std::size_t kViewPathSize = 100;  // the daemon's buffer
 
 class KordViewTest : public KordTest {
  protected:
@@ -26,37 +25,37 @@ class KordViewTest : public KordTest {
     KordTest::SetUp();
     configure();
   }
-  // Tags a file as the scanner tags a new video of the given batch.
+  // Tags a file as the scanner tags a new file of the given batch.
   static void pending(const std::string& path, const std::string& batch = "0", const char* type = "STDVIDEO") {
     tag(path, {{".s.hash", "0011"}, {".s.tbp", "1"}, {".s.filetype", type}, {".s.batchidx", batch}});
   }
   static std::string makeView(const char* name = kView, const char* condition = kCondition) {
     EXPECT_EQ(kord_view_create(name), 0) << kord::lastError().message;
     EXPECT_EQ(kord_view_set_cond(name, condition), 0) << kord::lastError().message;
-    char path[kViewPathSize] = "";
+    char path[100] = "";  // the daemon's buffer
     EXPECT_NE(kord_view_get_path(name, path, sizeof path), 0) << kord::lastError().message;
     return path;
   }
-  static bool gone(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) != 0;
+  static bool known(const char* name) {
+    char path[100];
+    return kord_view_get_path(name, path, sizeof path) != 0;
   }
 };
 
+// A new view is filled through SQL; names and values are taken literally.
 TEST_F(KordViewTest, HoldsOneAbsoluteLinkPerMatchingFileNamedAfterIt) {
   pending(at("p1/Media/a.mp4"));
   pending(at("p1/Media/sub/b.mkv"));
   pending(at("p1/Media/other/b.mkv"));  // same name, different file
   pending(at("p1/Media/c.mp4"), "1");
   pending(at("p1/Media/d.mp3"), "0", "STDAUDIO");
+  pending(at("p1/Media/swapped.mp4"), "STDVIDEO", "0");  // only a wrong binding of the values matches
   const std::string dir = makeView();
   EXPECT_EQ(dir, sandbox_ / (std::string("views/") + kView));
   EXPECT_THAT(linkTargets(dir),
               ElementsAre(at("p1/Media/a.mp4"), at("p1/Media/other/b.mkv"), at("p1/Media/sub/b.mkv")));
   // Profilers see the file's own name and extension.
   for (const auto& [name, target] : linksIn(dir)) EXPECT_TRUE(name.ends_with(target.substr(target.rfind('/') + 1)));
-
-  // Names with quotes and pattern characters are taken literally.
   tag(at("p1/quote.mp4"), {{"it's", "x"}, {"%", "_"}});
   tag(at("p1/other.mp4"), {{"its", "x"}, {"a", "_"}});
   EXPECT_THAT(linkTargets(makeView("quotes", "@it's@ exists and @%@='_'")), ElementsAre(at("p1/quote.mp4")));
@@ -69,7 +68,6 @@ TEST_F(KordViewTest, CommitsMovesDeletesAndCleanupsMoveFilesInAndOut) {
   pending(at("p1/dir/c.mp4"));
   const std::string dir = makeView();
   ASSERT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4"), at("p1/dir/c.mp4")));
-
   ASSERT_EQ(kord_bulk_setpath(scanner.get(), at("p1/a.mp4").c_str()), 0);  // the profiler's mark
   ASSERT_EQ(kord_bulk_deltag(scanner.get(), ".s.tbp"), 0);
   ASSERT_EQ(kord_bulk_setpath(scanner.get(), at("p1/b.mp4").c_str()), 0);  // a new batch
@@ -105,34 +103,28 @@ TEST_F(KordViewTest, ConditionsRepairsCreateAndDelete) {
   const std::string dir = makeView();
   // A refused condition leaves the view as it was; a new one rebuilds it.
   EXPECT_NE(kord_view_set_cond(kView, "@.s.tbp@ exists or @x@ exists"), 0);
-  EXPECT_EQ(kord::lastError().status, kord::Status::kBadArgument);
   EXPECT_EQ(linksIn(dir).size(), 2u);
-  EXPECT_NE(kord_view_set_cond("no-such-view", kCondition), 0);
   ASSERT_EQ(kord_view_set_cond(kView, "@.s.batchidx@='1'"), 0);
   EXPECT_THAT(linksIn(dir), IsEmpty());
   ASSERT_EQ(kord_view_set_cond(kView, kCondition), 0);
-
   // Someone wiped /tmp, or left junk behind: get_path rebuilds it.
   ASSERT_EQ(::unlink((dir + "/" + linksIn(dir).begin()->first).c_str()), 0);
   ASSERT_EQ(::symlink("/nowhere", (dir + "/junk").c_str()), 0);
-  char path[kViewPathSize];
-  ASSERT_NE(kord_view_get_path(kView, path, sizeof path), 0);
+  ASSERT_TRUE(known(kView));
   EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4"), at("p1/b.mp4")));
   ASSERT_GT(std::filesystem::remove_all(dir), 0u);
-  ASSERT_NE(kord_view_get_path(kView, path, sizeof path), 0);
+  ASSERT_TRUE(known(kView));
   EXPECT_EQ(linksIn(dir).size(), 2u);
   char tiny[8];
   EXPECT_EQ(kord_view_get_path(kView, tiny, sizeof tiny), 0);
-
   // A name left by an earlier daemon with the same process id is taken over.
   EXPECT_EQ(kord_view_create(kView), 0);
   EXPECT_EQ(linksIn(dir).size(), 2u);
   ASSERT_EQ(kord_view_delete(kView), 0) << kord::lastError().message;
-  EXPECT_TRUE(gone(dir));
-  EXPECT_EQ(kord_view_get_path(kView, path, sizeof path), 0);
-  EXPECT_NE(kord_view_delete(kView), 0);
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(known(kView));
   pending(at("p1/c.mp4"));
-  EXPECT_TRUE(gone(dir)) << "later commits do not bring it back";
+  EXPECT_FALSE(exists(dir)) << "later commits do not bring it back";
   for (const char* bad : {"", "a/b", "..", "."}) EXPECT_NE(kord_view_create(bad), 0) << bad;
 }
 
@@ -142,28 +134,24 @@ TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneOrOfAnEarlierBootAreDeleted) {
   pending(at("p1/a.mp4"));
   Pipe pipe;
   ASSERT_EQ(pipe.open(), 0);
-  pid_t pid = ::fork();
+  const pid_t pid = ::fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
-    char ok = makeView("dead").empty() ? '0' : '1';
+    const char ok = makeView("dead").empty() ? '0' : '1';
     if (::write(pipe.write_end.get(), &ok, 1) != 1) ::_exit(1);
     for (;;) ::pause();
   }
   pipe.write_end.reset();
   char ok = 0;
   ASSERT_EQ(::read(pipe.read_end.get(), &ok, 1), 1);
-  ASSERT_EQ(::kill(pid, SIGKILL), 0);
-  ASSERT_EQ(::waitpid(pid, nullptr, 0), pid);
+  ASSERT_TRUE(::kill(pid, SIGKILL) == 0 && ::waitpid(pid, nullptr, 0) == pid);
   ASSERT_EQ(ok, '1') << "the child could not make its view";
   ASSERT_EQ(linksIn(sandbox_ / "views/dead").size(), 1u);
-
   pending(at("p1/b.mp4"));
-  EXPECT_TRUE(gone(sandbox_ / "views/dead"));
-  char path[kViewPathSize];
-  EXPECT_EQ(kord_view_get_path("dead", path, sizeof path), 0) << "its record is gone too";
+  EXPECT_FALSE(exists(sandbox_ / "views/dead"));
+  EXPECT_FALSE(known("dead")) << "its record is gone too";
   const std::string live = makeView("live");
   EXPECT_EQ(linksIn(live).size(), 2u);
-
   // This process's view as if made before a reboot, its pid now another process's.
   sqlite3* db = nullptr;
   ASSERT_EQ(::sqlite3_open(database().c_str(), &db), SQLITE_OK);
@@ -171,8 +159,8 @@ TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneOrOfAnEarlierBootAreDeleted) {
             SQLITE_OK);
   ::sqlite3_close(db);
   EXPECT_EQ(linksIn(makeView("next")).size(), 2u);
-  EXPECT_TRUE(gone(live));
-  EXPECT_EQ(kord_view_get_path("live", path, sizeof path), 0);
+  EXPECT_FALSE(exists(live));
+  EXPECT_FALSE(known("live"));
 }
 
 }  // namespace
