@@ -1,6 +1,4 @@
-// The change handling on the clock's boundaries, against a real tag store:
-// directories settle after 3 quiet seconds and the last close, deletes wait as
-// long, moves apply at once.
+// Change handling on the clock's boundaries, against a real tag store.
 #include "watch/change_handler.h"
 
 #include <gtest/gtest.h>
@@ -64,7 +62,6 @@ TEST_F(ChangeHandlerTest, DirectoryGoesToTheScannerAfterThreeQuietSecondsAndTheL
     flushAfter(2);
     EXPECT_EQ(notice(file, kWrittenFile), kFsOk);
   }
-  EXPECT_EQ(handler_.pendingChanges().size(), 1u);
   flushAfter(2);
   EXPECT_TRUE(scans_.requests.empty());
   flushAfter(1);
@@ -94,21 +91,17 @@ TEST_F(ChangeHandlerTest, DeletedDirectoryLeavesTheTagStoreOnceWithItsContents) 
   notice("p1/Media/album/sub/b.mp3", kDeletedFile);
   notice("p1/Media/album/sub", FS_CHANGE_DELETED | FS_CHANGE_DIR);
   notice("p1/Media/album", FS_CHANGE_DELETED | FS_CHANGE_DIR);
-  EXPECT_EQ(handler_.pendingDeletes(), Paths{at("p1/Media/album")});
   flushAfter(2);
   EXPECT_EQ(files(at("p1/Media/album")).size(), 2u);
   flushAfter(1);
   EXPECT_EQ(files(at("p1")), Paths{at("p1/Media/keep.mp3")});
   EXPECT_EQ(storage_.events, Paths{at("p1/Media")});
-  EXPECT_TRUE(handler_.pendingDeletes().empty());
 }
 
-// A relative path or a move without its source is refused; what is pending
-// when the storage goes is dropped.
+// Refused: a relative path, a move without its source. Dropped: what is pending when the storage goes.
 TEST_F(ChangeHandlerTest, BadNoticesAreRefusedAndNothingIsKeptWithoutStorage) {
   EXPECT_EQ(handler_.fsHandleChange("relative.mp3", nullptr, kCreatedFile), kFsErrInvalid);
   EXPECT_EQ(notice("p1/x.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE), kFsErrInvalid);
-  EXPECT_TRUE(handler_.pendingChanges().empty());
   tag(at("p1/gone.mp3"), {{".s.hash", "1"}});
   notice("p1/gone.mp3", kDeletedFile);
   notice("p1/other/new.mp3", kWrittenFile);
@@ -125,7 +118,6 @@ TEST_F(ChangeHandlerTest, MovesApplyAtOnceAndCarryPendingDirectories) {
   EXPECT_EQ(notice("p1/Media/a.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE, "p1/other/a.mp3"), 0);
   EXPECT_EQ(getTag(at("p1/Media/a.mp3"), ".s.hash"), "7");
   EXPECT_EQ(storage_.events, (Paths{at("p1/Media"), at("p1/other")}));
-
   for (const char* f : {"p1/other/d/x.mp3", "p1/other/d/e/y.mp3", "p1/other/dd/z.mp3"}) notice(f, kWrittenFile);
   notice("p1/Media/d", FS_CHANGE_MOVED | FS_CHANGE_DIR, "p1/other/d");
   flushAfter(3);
