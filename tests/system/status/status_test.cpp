@@ -22,13 +22,6 @@ namespace {
 
 const std::string kStatus = ZIBD_STATUS_PROGRAM;
 
-// The script's output after the line "== NAME", up to the next "== ".
-std::string section(const std::string& out, const std::string& name) {
-  const std::size_t start = out.find("== " + name + "\n");
-  const std::size_t body = start + name.size() + 4;
-  return start == std::string::npos ? "" : out.substr(body, out.find("== ", body) - body);
-}
-
 constexpr char kOnceScript[] = R"sh(
 . "$GATEWAY_LIB"
 export TZ=UTC
@@ -72,25 +65,21 @@ TEST(StatusOnce, ShowsEachStateOfTheGatewayAndChangesNothing) {
                             "files:       7\n";
   const std::string events = "events:      7 in /run/tock.events, latest last\n  aaaa  2  /Media/file 5.mkv\n"
                              "  aaaa  2  /Media/file 6.mkv\n  aaaa  2  /Media/file 7.mkv\nexit=0\n";
-  EXPECT_EQ(section(r.out, "nothing"), no_bus + "partition:   none chosen (no /tmp/.kord/kord.ini)\n"
-            "remembered:  none\nfiles:       no database\nevents:      none (no /run/tock.events)\nexit=0\n");
-  // The daemon has not published yet; reading never creates the database.
-  EXPECT_EQ(section(r.out, "not published, no database"),
-            bus + "storage:     not published\nprofiling:   not published\npartition:   " + chosen +
-                "database:    /var/uuidmount/aaaa/.kord/tagdb (not created yet)\nremembered:  none\n"
-                "files:       no database\nevents:      0 in /run/tock.events\nexit=0\n");
-  // Seven known paths (the partition root among them), three waiting; the
-  // one-shot form has seen no run begin, so it draws no bar. Reading wrote
-  // nothing on the bus and made no view.
-  EXPECT_EQ(section(r.out, "profiling"), bus + "storage:     OK\nprofiling:   Profiling\npartition:   " + chosen +
-                                             known + "waiting:     3\n  STDAUDIO   1\n  STDVIDEO   2\n" + events +
-                                             "history=0 views=0\n");
-  EXPECT_EQ(section(r.out, "no broker"), no_bus + "partition:   /var/uuidmount/aaaa, chosen 2023-11-14 22:13:20\n" +
-                                             known + "waiting:     2\n  STDAUDIO   1\n  STDVIDEO   2\n" + events);
-  // The daemon empties kord.ini when the metadata disk goes and keeps the remembered location.
-  EXPECT_EQ(section(r.out, "metadata disk lost"),
-            no_bus + "partition:   none chosen (/tmp/.kord/kord.ini is empty)\nremembered:  /var/uuidmount/aaaa\n"
-                     "files:       no database\n" + events);
+  // No daemon, then one that has not published yet: reading never creates the database.
+  // Then seven known paths (the partition root among them), three waiting; the one-shot
+  // form has seen no run begin, so it draws no bar; reading wrote nothing on the bus and
+  // made no view. The daemon empties kord.ini when the metadata disk goes.
+  EXPECT_EQ(r.out, "== nothing\n" + no_bus + "partition:   none chosen (no /tmp/.kord/kord.ini)\nremembered:  none\n"
+                   "files:       no database\nevents:      none (no /run/tock.events)\nexit=0\n"
+                   "== not published, no database\n" + bus + "storage:     not published\nprofiling:   not published\n"
+                   "partition:   " + chosen + "database:    /var/uuidmount/aaaa/.kord/tagdb (not created yet)\n"
+                   "remembered:  none\nfiles:       no database\nevents:      0 in /run/tock.events\nexit=0\n"
+                   "== profiling\n" + bus + "storage:     OK\nprofiling:   Profiling\npartition:   " + chosen + known +
+                   "waiting:     3\n  STDAUDIO   1\n  STDVIDEO   2\n" + events + "history=0 views=0\n"
+                   "== no broker\n" + no_bus + "partition:   /var/uuidmount/aaaa, chosen 2023-11-14 22:13:20\n" + known +
+                   "waiting:     2\n  STDAUDIO   1\n  STDVIDEO   2\n" + events + "== metadata disk lost\n" + no_bus +
+                   "partition:   none chosen (/tmp/.kord/kord.ini is empty)\nremembered:  /var/uuidmount/aaaa\n"
+                   "files:       no database\n" + events);
 }
 
 // The live view runs as a session leader whose controlling terminal is a
@@ -190,8 +179,6 @@ TEST_F(LiveView, FollowsTheGatewayWithAProgressBar) {
   sh("for f in a b c d; do \"$K\" set \"$M/$f.mkv\" .s.filetype STDVIDEO; \"$K\" set \"$M/$f.mkv\" .s.tbp 1; done");
   EXPECT_TRUE(shows("waiting:     4")) << output_;
   sh("\"$R\" set VFS.MetaDataService.ProfilingStatus Profiling");
-  EXPECT_TRUE(shows("profiling:   Profiling")) << output_;
-  EXPECT_TRUE(shows("0 of 4 profiled")) << output_;
   sh("\"$K\" del \"$M/a.mkv\" .s.tbp; \"$K\" del \"$M/b.mkv\" .s.tbp");
   EXPECT_TRUE(shows("progress:    [###############---------------] 50%  2 of 4 profiled")) << output_;
   // The broker goes away and comes back.
@@ -199,11 +186,10 @@ TEST_F(LiveView, FollowsTheGatewayWithAProgressBar) {
   EXPECT_TRUE(shows("bus:         unreachable")) << output_;
   startBroker();
   EXPECT_TRUE(shows("bus:         reachable at")) << output_;
+  pressUntilEnded("q");
 }
 
-class LiveViewKey : public LiveView, public ::testing::WithParamInterface<const char*> {};
-TEST_P(LiveViewKey, EndsOnTheKey) { pressUntilEnded(GetParam()); }
-INSTANTIATE_TEST_SUITE_P(CtrlCAndQ, LiveViewKey, ::testing::Values("\x03", "q"));
+TEST_F(LiveView, EndsOnCtrlC) { pressUntilEnded("\x03"); }
 
 // A broker that stops answering holds the view in its bus read, where the
 // first Ctrl-C cannot reach the loop; pressed again, as a person would, it ends.

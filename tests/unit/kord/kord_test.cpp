@@ -1,13 +1,17 @@
 // The host tag store against a real SQLite file: tags of files and subtrees,
 // move, delete, cleanup, the configuration naming the database, the condition
-// language, and the daemon's threads using it at once (run under TSan too).
+// language, views, and the daemon's threads using it at once (run under TSan too).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <thread>
 
+#include "common/file_descriptor.h"
 #include "host/kord/condition.h"
 #include "host/kord/failure.h"
 #include "tests/unit/kord/kord_fixture.h"
@@ -16,6 +20,8 @@ namespace zibd::test {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using std::filesystem::exists;
 using namespace std::string_view_literals;
 
 class KordTagsTest : public KordTest {
@@ -30,11 +36,10 @@ TEST_F(KordTagsTest, BulkHandleSetsGetsAndDeletesTagsOfFilesBelowTheRoot) {
   const std::string file = at("p1/Media/movie.mp4");
   Handle h = open();
   ASSERT_EQ(kord_bulk_setpath(h.get(), file.c_str()), 0) << kord::lastError().message;
-  char value[32] = "untouched";
+  char value[32];
   // A file new to the database has no tags: this is how the scanner tells new files.
   EXPECT_NE(kord_bulk_gettag(h.get(), ".s.mdt", value, sizeof value), 0);
   EXPECT_EQ(kord::lastError().status, kord::Status::kNotFound);
-  EXPECT_STREQ(value, "untouched");
   ASSERT_EQ(kord_bulk_settag(h.get(), ".s.tbp", "1"), 0);
   ASSERT_EQ(kord_bulk_settag(h.get(), ".s.filetype", "STDVIDEO"), 0);
   ASSERT_EQ(kord_bulk_settag(h.get(), ".s.filetype", "STDAUDIO"), 0);  // replaces
@@ -44,7 +49,6 @@ TEST_F(KordTagsTest, BulkHandleSetsGetsAndDeletesTagsOfFilesBelowTheRoot) {
   ASSERT_EQ(kord_bulk_commit(h.get()), 0);
   EXPECT_EQ(tagsOf(file), ".s.filetype=STDAUDIO .s.tbp=1");
   ASSERT_EQ(kord_bulk_deltag(h.get(), ".s.tbp"), 0);
-  EXPECT_NE(kord_bulk_deltag(h.get(), ".s.tbp"), 0) << "gone already";
   ASSERT_EQ(kord_bulk_commit(h.get()), 0);
   EXPECT_EQ(tagsOf(file), ".s.filetype=STDAUDIO");
   char small[5];  // truncated to the buffer, always terminated
@@ -108,62 +112,50 @@ TEST_F(KordTagsTest, RecursiveTagMoveAndDeleteTouchTheSubtreeOnly) {
 
 // kord_cleanup_attached: the check is a plain function pointer, so its state is global.
 std::vector<std::string> g_checked;
-int* g_stop = nullptr;  // raised at the 300th check
-int dropNamesWithGone(const char* path) {
+int g_stop = 0;
+int dropNamesWithGone(const char* path) {  // and raises the stop flag at the 300th check
   g_checked.push_back(path);
-  if (g_stop && g_checked.size() == 300) std::atomic_ref<int>(*g_stop).store(1);
+  if (g_checked.size() == 300) std::atomic_ref<int>(g_stop).store(1);
   return std::string(path).find("gone") != std::string::npos ? 1 : 0;
 }
+int cleanup(const std::string& dir, kord_check_fn check = dropNamesWithGone) {
+  return kord_cleanup_attached(dir.c_str(), &g_stop, check);
+}
 
-class KordCleanupTest : public KordTagsTest {
- protected:
-  void TearDown() override {
-    g_checked.clear();
-    g_stop = nullptr;
-  }
-  int cleanup(const std::string& dir, kord_check_fn check = dropNamesWithGone) {
-    return kord_cleanup_attached(dir.c_str(), &stop_, check);
-  }
-  int stop_ = 0;
-};
-
-TEST_F(KordCleanupTest, DropsExactlyTheFilesTheCheckRejectsBelowThePath) {
+TEST_F(KordTagsTest, CleanupDropsWhatTheCheckRejectsBelowThePathAndStopsOnTheFlag) {
+  g_checked.clear();
+  g_stop = 0;
   for (const char* f : {"p1", "p1/keep.mp4", "p1/gone.mp4", "p1/sub/gone-too.mp3", "p1x/gone.mp4", "p2/gone.mp4"})
     tag(at(f), {{".s.hash", "1"}});
   ASSERT_EQ(cleanup(at("p1")), 0) << kord::lastError().message;
   EXPECT_THAT(g_checked, ElementsAre(at("p1"), at("p1/gone.mp4"), at("p1/keep.mp4"), at("p1/sub/gone-too.mp3")));
   EXPECT_THAT(files(), ElementsAre(at("p1"), at("p1/keep.mp4"), at("p1x/gone.mp4"), at("p2/gone.mp4")));
   // Renamed between the check and the drop: kept under the new names.
-  g_checked.clear();
   ASSERT_EQ(cleanup(at("p1"), [](const char* path) {
-              g_checked.push_back(path);
               return kord_move(path, (std::string(path) + ".moved").c_str()) == 0 ? 1 : 0;
             }), 0);
-  EXPECT_EQ(g_checked.size(), 2u);
   EXPECT_THAT(files(), ElementsAre(at("p1.moved"), at("p1.moved/keep.mp4"), at("p1x/gone.mp4"), at("p2/gone.mp4")));
   EXPECT_NE(cleanup("relative"), 0);
-}
 
-// Files are checked a chunk at a time (fewer than 300); the flag is polled before every file.
-TEST_F(KordCleanupTest, StopsOnTheFlagKeepingTheDecisionsSoFarAndALaterRunFinishes) {
+  // Files are checked a chunk at a time (fewer than 300); the flag is polled before every file.
   Handle h = open();
   for (int i = 1000; i < 1600; ++i) {
-    ASSERT_EQ(kord_bulk_setpath(h.get(), at("p1/gone/f" + std::to_string(i)).c_str()), 0);
+    ASSERT_EQ(kord_bulk_setpath(h.get(), at("p2/gone/f" + std::to_string(i)).c_str()), 0);
     ASSERT_EQ(kord_bulk_settag(h.get(), ".s.hash", "x"), 0);
   }
   ASSERT_EQ(kord_bulk_commit(h.get()), 0);
-  g_stop = &stop_;
-  EXPECT_NE(cleanup(root()), 0);
-  EXPECT_EQ(g_checked.size(), 300u);
-  EXPECT_EQ(files().size(), 300u);
-  EXPECT_EQ(files().front(), at("p1/gone/f1300"));
   g_checked.clear();
-  EXPECT_NE(cleanup(root()), 0) << "raised before the start";
+  EXPECT_NE(cleanup(at("p2/gone")), 0);
+  EXPECT_EQ(g_checked.size(), 300u);
+  EXPECT_EQ(files(at("p2/gone")).size(), 300u);
+  EXPECT_EQ(files(at("p2/gone")).front(), at("p2/gone/f1300")) << "the decisions so far are kept";
+  g_checked.clear();
+  EXPECT_NE(cleanup(at("p2/gone")), 0) << "raised before the start";
   EXPECT_TRUE(g_checked.empty());
-  stop_ = 0;
-  ASSERT_EQ(cleanup(root(), [](const char* path) { return static_cast<int>(g_checked.emplace_back(path).empty()); }), 0);
+  g_stop = 0;
+  ASSERT_EQ(cleanup(at("p2/gone"), [](const char* path) { return g_checked.emplace_back(path).empty() ? 1 : 0; }), 0);
   EXPECT_EQ(g_checked.size(), 300u) << "each kept file checked once";
-  EXPECT_EQ(files().size(), 300u);
+  EXPECT_EQ(files(at("p2/gone")).size(), 300u);
 }
 
 // The database is the one kord.ini names, followed on its changes and on the
@@ -215,7 +207,7 @@ TEST_F(KordTest, FollowsTheConfigurationAndFailsWithoutOne) {
   EXPECT_EQ(tagsOf(at("p1/a.mp4")), ".s.tbp=1") << "nothing was touched meanwhile";
 }
 
-// The profiler batches' condition; views over SQL are checked in views_test.
+// The profiler batches' condition; the SQL form is seen through views below.
 constexpr const char* kDaemon = "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and @.s.batchidx@='0'";
 
 TEST_F(KordTagsTest, ConditionsMatchExactlyTheTagsTheyNameAndMalformedOnesAreRefused) {
@@ -293,6 +285,141 @@ TEST_F(KordTagsTest, ScannerMainAndBusThreadsWorkSideBySide) {
   EXPECT_EQ(files(at("p2/m")).size(), 50u);
   EXPECT_EQ(tagsOf(at("p1/s/f0")), ".s.invisible=1 .s.tbp=1");
   EXPECT_EQ(linkTargets(dir), pending) << "the view followed every commit";
+}
+
+constexpr const char* kView = "zibprof.4242.STDVIDEO.0.1";
+constexpr const char* kCondition = "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and @.s.batchidx@='0'";
+
+// Views: directories of links that follow the committed tags.
+class KordViewTest : public KordTagsTest {
+ protected:
+  // Tags a file as the scanner tags a new file of the given batch.
+  static void pending(const std::string& path, const std::string& batch = "0", const char* type = "STDVIDEO") {
+    tag(path, {{".s.hash", "0011"}, {".s.tbp", "1"}, {".s.filetype", type}, {".s.batchidx", batch}});
+  }
+  static std::string makeView(const char* name = kView, const char* condition = kCondition) {
+    EXPECT_EQ(kord_view_create(name), 0) << kord::lastError().message;
+    EXPECT_EQ(kord_view_set_cond(name, condition), 0) << kord::lastError().message;
+    char path[100] = "";  // the daemon's buffer
+    EXPECT_NE(kord_view_get_path(name, path, sizeof path), 0) << kord::lastError().message;
+    return path;
+  }
+  static bool known(const char* name) {
+    char path[100];
+    return kord_view_get_path(name, path, sizeof path) != 0;
+  }
+};
+
+// A new view is filled through SQL, taking names and values literally; then
+// commits, moves, deletes and cleanups move files in and out.
+TEST_F(KordViewTest, HoldsALinkPerMatchingFileAndFollowsEveryChange) {
+  Handle scanner = open();  // opened long before the view exists, as the daemon's is
+  pending(at("p1/a.mp4"));
+  pending(at("p1/sub/b.mkv"));
+  pending(at("p1/dir/b.mkv"));  // same name, different file
+  pending(at("p1/c.mp4"), "1");
+  pending(at("p1/d.mp3"), "0", "STDAUDIO");
+  pending(at("p1/swapped.mp4"), "STDVIDEO", "0");  // only a wrong binding of the values matches
+  const std::string dir = makeView();
+  EXPECT_EQ(dir, sandbox_ / (std::string("views/") + kView));
+  ASSERT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4"), at("p1/dir/b.mkv"), at("p1/sub/b.mkv")));
+  // Profilers see the file's own name and extension.
+  for (const auto& [name, target] : linksIn(dir)) EXPECT_TRUE(name.ends_with(target.substr(target.rfind('/') + 1)));
+  tag(at("p1/quote.mp4"), {{"it's", "x"}, {"%", "_"}});
+  tag(at("p1/other.mp4"), {{"its", "x"}, {"a", "_"}});
+  EXPECT_THAT(linkTargets(makeView("quotes", "@it's@ exists and @%@='_'")), ElementsAre(at("p1/quote.mp4")));
+
+  ASSERT_EQ(kord_bulk_setpath(scanner.get(), at("p1/a.mp4").c_str()), 0);  // the profiler's mark
+  ASSERT_EQ(kord_bulk_deltag(scanner.get(), ".s.tbp"), 0);
+  ASSERT_EQ(kord_bulk_setpath(scanner.get(), at("p1/c.mp4").c_str()), 0);  // a new batch
+  ASSERT_EQ(kord_bulk_settag(scanner.get(), ".s.batchidx", "0"), 0);
+  EXPECT_EQ(linkTargets(dir).front(), at("p1/a.mp4")) << "not before the commit";
+  ASSERT_EQ(kord_bulk_commit(scanner.get()), 0);
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/c.mp4"), at("p1/dir/b.mkv"), at("p1/sub/b.mkv")));
+  // Tags the condition does not name leave the links alone; rolled back changes never show.
+  tag(at("p1/c.mp4"), {{".s.hash", "ffff"}});
+  ASSERT_EQ(kord_bulk_deltag(scanner.get(), ".s.filetype"), 0);
+  scanner.reset();
+  EXPECT_EQ(linkTargets(dir).size(), 3u);
+  ASSERT_EQ(kord_move(at("p1/dir").c_str(), at("p2/moved").c_str()), 0);
+  ASSERT_EQ(kord_move(at("p1/c.mp4").c_str(), at("p2/c.mp4").c_str()), 0);
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/sub/b.mkv"), at("p2/c.mp4"), at("p2/moved/b.mkv")));
+  ASSERT_EQ(kord_delete(at("p2/moved").c_str()), 0);
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/sub/b.mkv"), at("p2/c.mp4")));
+  Handle h = open();
+  ASSERT_EQ(kord_bulk_setpath(h.get(), at("p2").c_str()), 0);
+  ASSERT_EQ(kord_bulk_settag_recursive(h.get(), ".s.batchidx", "9"), 0);
+  ASSERT_EQ(kord_bulk_commit(h.get()), 0);
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/sub/b.mkv")));
+  int stop = 0;
+  ASSERT_EQ(kord_cleanup_attached(root().c_str(), &stop, [](const char*) { return 1; }), 0);
+  EXPECT_THAT(linksIn(dir), IsEmpty());
+}
+
+TEST_F(KordViewTest, ConditionsRepairsCreateAndDelete) {
+  pending(at("p1/a.mp4"));
+  pending(at("p1/b.mp4"));
+  const std::string dir = makeView();
+  // A refused condition leaves the view as it was; a new one rebuilds it.
+  EXPECT_NE(kord_view_set_cond(kView, "@.s.tbp@ exists or @x@ exists"), 0);
+  EXPECT_EQ(linksIn(dir).size(), 2u);
+  ASSERT_EQ(kord_view_set_cond(kView, "@.s.batchidx@='1'"), 0);
+  EXPECT_THAT(linksIn(dir), IsEmpty());
+  ASSERT_EQ(kord_view_set_cond(kView, kCondition), 0);
+  // Someone wiped /tmp, or left junk behind: get_path rebuilds it.
+  ASSERT_EQ(::unlink((dir + "/" + linksIn(dir).begin()->first).c_str()), 0);
+  ASSERT_EQ(::symlink("/nowhere", (dir + "/junk").c_str()), 0);
+  ASSERT_TRUE(known(kView));
+  EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4"), at("p1/b.mp4")));
+  ASSERT_GT(std::filesystem::remove_all(dir), 0u);
+  ASSERT_TRUE(known(kView));
+  EXPECT_EQ(linksIn(dir).size(), 2u);
+  char tiny[8];
+  EXPECT_EQ(kord_view_get_path(kView, tiny, sizeof tiny), 0);
+  // A name left by an earlier daemon with the same process id is taken over.
+  EXPECT_EQ(kord_view_create(kView), 0);
+  EXPECT_EQ(linksIn(dir).size(), 2u);
+  ASSERT_EQ(kord_view_delete(kView), 0) << kord::lastError().message;
+  EXPECT_FALSE(exists(dir));
+  EXPECT_FALSE(known(kView));
+  pending(at("p1/c.mp4"));
+  EXPECT_FALSE(exists(dir)) << "later commits do not bring it back";
+  for (const char* bad : {"", "a/b", "..", "."}) EXPECT_NE(kord_view_create(bad), 0) << bad;
+}
+
+// Views of a process that is gone (killed during a batch) or of an earlier
+// boot stop receiving links: the next commit or view operation deletes them.
+TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneOrOfAnEarlierBootAreDeleted) {
+  pending(at("p1/a.mp4"));
+  Pipe pipe;
+  ASSERT_EQ(pipe.open(), 0);
+  const pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const char ok = makeView("dead").empty() ? '0' : '1';
+    if (::write(pipe.write_end.get(), &ok, 1) != 1) ::_exit(1);
+    for (;;) ::pause();
+  }
+  pipe.write_end.reset();
+  char ok = 0;
+  ASSERT_EQ(::read(pipe.read_end.get(), &ok, 1), 1);
+  ASSERT_TRUE(::kill(pid, SIGKILL) == 0 && ::waitpid(pid, nullptr, 0) == pid);
+  ASSERT_EQ(ok, '1') << "the child could not make its view";
+  ASSERT_EQ(linksIn(sandbox_ / "views/dead").size(), 1u);
+  pending(at("p1/b.mp4"));
+  EXPECT_FALSE(exists(sandbox_ / "views/dead"));
+  EXPECT_FALSE(known("dead")) << "its record is gone too";
+  const std::string live = makeView("live");
+  EXPECT_EQ(linksIn(live).size(), 2u);
+  // This process's view as if made before a reboot, its pid now another process's.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(::sqlite3_open(database().c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(::sqlite3_exec(db, "UPDATE views SET creator_boot = creator_boot + 1", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  ::sqlite3_close(db);
+  EXPECT_EQ(linksIn(makeView("next")).size(), 2u);
+  EXPECT_FALSE(exists(live));
+  EXPECT_FALSE(known("live"));
 }
 
 }  // namespace
