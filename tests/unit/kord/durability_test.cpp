@@ -22,14 +22,12 @@ constexpr const char* kWriterEnv = "KORD_TEST_WRITER";  // role:report descripto
 
 std::string fileAt(const std::string& base, int i) { return base + "/f" + std::to_string(i) + ".mkv"; }
 std::string tagsFor(int i) {
-  const std::string n = std::to_string(i);
-  return ".s.batchidx=" + n + " .s.filetype=STDVIDEO .s.hash=" + n + " .s.tbp=1";
+  return ".s.batchidx=" + std::to_string(i) + " .s.filetype=STDVIDEO .s.hash=" + std::to_string(i) + " .s.tbp=1";
 }
 
-// "idle" commits kIdleFiles files the way the scanner tags new ones, changes
-// one more without a commit, reports '1' and waits. "stream" commits without
-// end and after every kBetweenMarks files ends its group (by fini and by a
-// view operation in turn) and reports 'm'. Either is killed by the test.
+// "idle" commits kIdleFiles files as the scanner tags new ones, changes one more
+// without a commit, reports '1' and waits. "stream" commits without end, ending its
+// group after every kBetweenMarks files (by fini, by a view operation) with an 'm'.
 [[noreturn]] void write(const std::string& role, int fd, const std::string& base) {
   const bool idle = role == "idle";
   kord_bulk_t* h = kord_bulk_init();
@@ -55,9 +53,8 @@ std::string tagsFor(int i) {
   for (;;) ::pause();
 }
 
-// The writers run in this test program started anew (a fork without exec of
-// a process with threads could not start the library's flusher thread under
-// ThreadSanitizer): started as one, it writes before main() runs.
+// A writer is this program started anew (under TSan a fork without exec could not
+// start the library's flusher thread): it writes before main() runs.
 [[maybe_unused]] const bool kStartedAsWriter = [] {
   const char* spec = ::getenv(kWriterEnv);
   char role[8] = "";
@@ -69,15 +66,12 @@ std::string tagsFor(int i) {
 
 class KordDurabilityTest : public KordTest {
  protected:
-  void SetUp() override {
-    KordTest::SetUp();
-    configure();
-  }
   void TearDown() override {
     if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
   }
   // Starts this program as a writer that reports on the pipe.
   void spawn(const char* role) {
+    configure();
     ASSERT_EQ(pipe_.open(), 0);
     const std::string spec = std::string(role) + ":" + std::to_string(pipe_.write_end.get()) + ":" + base_;
     pid_ = ::fork();
@@ -121,8 +115,8 @@ class KordDurabilityTest : public KordTest {
   std::size_t known_ = 0;  // files known right after the kill
 };
 
-// A group left alone is written once its window has passed, without any
-// further call; the change the handle made after its last commit is not.
+// A group left alone is written once its window has passed, without a further
+// call; the change made after the last commit is not.
 TEST_F(KordDurabilityTest, AnIdleGroupIsWrittenWithoutTheChangesAfterItsLastCommit) {
   spawn("idle");
   ASSERT_EQ(report(), '1') << "the child could not tag";
@@ -133,8 +127,7 @@ TEST_F(KordDurabilityTest, AnIdleGroupIsWrittenWithoutTheChangesAfterItsLastComm
   EXPECT_EQ(tagsOf(base_ + "/uncommitted.mkv"), "unknown");
 }
 
-// Killed in a stream of commits: what came before a fini or a view operation
-// survives, and the survivors are the first files in commit order, whole.
+// Killed mid-stream: what came before a fini or view operation survives, and the survivors are the first files, whole.
 TEST_F(KordDurabilityTest, AKillMidStreamLosesWholeFilesAfterTheLastWrittenGroup) {
   spawn("stream");
   for (int marks = 0; marks < 4; ++marks) ASSERT_EQ(report(), 'm') << "the child failed to tag";

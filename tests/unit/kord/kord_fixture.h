@@ -76,7 +76,6 @@ inline std::map<std::string, std::string> linksIn(const std::string& dir) {
     if (entry.is_symlink()) links[entry.path().filename()] = std::filesystem::read_symlink(entry.path());
   return links;
 }
-// Just the targets, sorted.
 inline std::vector<std::string> linkTargets(const std::string& dir) {
   std::vector<std::string> targets;
   for (const auto& link : linksIn(dir)) targets.push_back(link.second);

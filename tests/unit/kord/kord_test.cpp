@@ -20,7 +20,6 @@ namespace zibd::test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using std::filesystem::exists;
 using namespace std::string_view_literals;
 
@@ -90,7 +89,6 @@ TEST_F(KordTagsTest, RecursiveTagMoveAndDeleteTouchTheSubtreeOnly) {
 
   ASSERT_EQ(kord_move(at("p1/a/b").c_str(), at("p2/z").c_str()), 0) << kord::lastError().message;
   EXPECT_THAT(files(at("p2")), ElementsAre(at("p2/z"), at("p2/z/deep/two.mp4"), at("p2/z/one.mp4")));
-  EXPECT_EQ(files(at("p1")).size(), outside.size());
   // A file onto a known one: the destination's old tags go, as rename(2) replaces it.
   tag(at("p1/a/b.mp4"), {{".s.hash", "4"}});
   ASSERT_EQ(kord_move(at("p1/a/b.mp4").c_str(), at("p2/z/one.mp4").c_str()), 0);
@@ -207,7 +205,6 @@ TEST_F(KordTest, FollowsTheConfigurationAndFailsWithoutOne) {
   EXPECT_EQ(tagsOf(at("p1/a.mp4")), ".s.tbp=1") << "nothing was touched meanwhile";
 }
 
-// The profiler batches' condition; the SQL form is seen through views below.
 constexpr const char* kDaemon = "@.s.tbp@ exists and @.s.filetype@='STDVIDEO' and @.s.batchidx@='0'";
 
 TEST_F(KordTagsTest, ConditionsMatchExactlyTheTagsTheyNameAndMalformedOnesAreRefused) {
@@ -245,8 +242,7 @@ TEST_F(KordTagsTest, ConditionsMatchExactlyTheTagsTheyNameAndMalformedOnesAreRef
   }
 }
 
-// The scanner's bulk handle, the main thread's moves and deletes and the bus
-// thread's short-lived handles at once, with a view following the commits.
+// The scanner's handle, the main thread's moves and deletes and the bus thread's handles at once.
 TEST_F(KordTagsTest, ScannerMainAndBusThreadsWorkSideBySide) {
   ASSERT_EQ(kord_view_create("v"), 0);
   ASSERT_EQ(kord_view_set_cond("v", "@.s.tbp@ exists"), 0);
@@ -353,7 +349,7 @@ TEST_F(KordViewTest, HoldsALinkPerMatchingFileAndFollowsEveryChange) {
   EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/sub/b.mkv")));
   int stop = 0;
   ASSERT_EQ(kord_cleanup_attached(root().c_str(), &stop, [](const char*) { return 1; }), 0);
-  EXPECT_THAT(linksIn(dir), IsEmpty());
+  EXPECT_THAT(linksIn(dir), ::testing::IsEmpty());
 }
 
 TEST_F(KordViewTest, ConditionsRepairsCreateAndDelete) {
@@ -364,7 +360,7 @@ TEST_F(KordViewTest, ConditionsRepairsCreateAndDelete) {
   EXPECT_NE(kord_view_set_cond(kView, "@.s.tbp@ exists or @x@ exists"), 0);
   EXPECT_EQ(linksIn(dir).size(), 2u);
   ASSERT_EQ(kord_view_set_cond(kView, "@.s.batchidx@='1'"), 0);
-  EXPECT_THAT(linksIn(dir), IsEmpty());
+  EXPECT_THAT(linksIn(dir), ::testing::IsEmpty());
   ASSERT_EQ(kord_view_set_cond(kView, kCondition), 0);
   // Someone wiped /tmp, or left junk behind: get_path rebuilds it.
   ASSERT_EQ(::unlink((dir + "/" + linksIn(dir).begin()->first).c_str()), 0);
@@ -374,8 +370,6 @@ TEST_F(KordViewTest, ConditionsRepairsCreateAndDelete) {
   ASSERT_GT(std::filesystem::remove_all(dir), 0u);
   ASSERT_TRUE(known(kView));
   EXPECT_EQ(linksIn(dir).size(), 2u);
-  char tiny[8];
-  EXPECT_EQ(kord_view_get_path(kView, tiny, sizeof tiny), 0);
   // A name left by an earlier daemon with the same process id is taken over.
   EXPECT_EQ(kord_view_create(kView), 0);
   EXPECT_EQ(linksIn(dir).size(), 2u);
