@@ -136,8 +136,11 @@ TEST_F(WatcherTest, RemovalDuringAnAdd) {
   }
 }
 
-TEST_F(WatcherTest, StopEmptiesTheQueueAndEndsTheThread) {
+// A removed tree is not walked any more: its queued add goes.
+TEST_F(WatcherTest, RemovalDropsAQueuedAddAndStopEmptiesTheQueueAndEndsTheThread) {
   queue_.fsQueueAddWatch(at("p"));
+  queue_.fsQueueRemoveWatch(at("p"));
+  EXPECT_EQ(queue_.queued().size(), 1u);
   queue_.fsStopWatcher();
   EXPECT_TRUE(queue_.queued().empty());
   EXPECT_EQ(table_.fsAddWatch(at("p").c_str()), kFsStopped);  // until an add finishes
