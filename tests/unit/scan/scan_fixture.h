@@ -1,20 +1,13 @@
-// Fakes of the interfaces the scanner uses upward (thread-safe: the scanner
-// thread and the test thread use them at once), and a sandboxed tag store
-// (tests/unit/kord/kord_fixture.h) with a file-type map, fake index rules and
-// the tools to make media trees and profiler scripts.
+// Thread-safe fakes of the layers the scanner calls up to, and a sandboxed tag
+// store with a file-type map and index rules over partition p1.
 #pragma once
 
 #include <sys/stat.h>
 #include <sys/time.h>
 
 #include <atomic>
-#include <cstdio>
-#include <functional>
 #include <map>
 #include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "scan/file_type_map.h"
 #include "scan/scan_reports.h"
@@ -29,49 +22,42 @@ class FakeStorage : public StorageQueries {
  public:
   std::atomic<bool> ready{true};
   std::optional<std::string> managed;  // set before the scanner runs
-  mutable std::atomic<int> on_partition_queries{0};
+  mutable std::atomic<int> on_partition_queries{0}, initial_scans_done{0};
 
   bool storageReady() const override { return ready.load(); }
   bool pathIsOnPartition(const std::string&) const override { return ++on_partition_queries > 0; }
   std::optional<std::string> managedPartitionPath() const override { return managed; }
   void sendChangeEvent(const std::string&) override {}
-  void markInitialScanDone() override {}
+  void markInitialScanDone() override { ++initial_scans_done; }
 };
 
+// Records reports as "busy", "idle" or the scanned partition's path.
 class FakeReports : public ScanReports {
  public:
-  int reportProfiling(int busy) override { return record(&profiling_, busy); }
-  int reportPartitionScanned(const std::string& mount_path) override { return record(&scanned_, mount_path); }
-  std::vector<int> profiling() const { return copy(profiling_); }
-  std::vector<std::string> scanned() const { return copy(scanned_); }
+  int reportProfiling(int busy) override { return add(busy ? "busy" : "idle"); }
+  int reportPartitionScanned(const std::string& mount_path) override { return add(mount_path); }
+  std::vector<std::string> reports() const {
+    std::lock_guard lock(mutex_);
+    return reports_;
+  }
 
  private:
-  template <typename T>
-  int record(std::vector<T>* to, const T& value) {
+  int add(const std::string& report) {
     std::lock_guard lock(mutex_);
-    to->push_back(value);
+    reports_.push_back(report);
     return 8;
   }
-  template <typename T>
-  std::vector<T> copy(const std::vector<T>& from) const {
-    std::lock_guard lock(mutex_);
-    return from;
-  }
   mutable std::mutex mutex_;
-  std::vector<int> profiling_;
-  std::vector<std::string> scanned_;
+  std::vector<std::string> reports_;
 };
 
-// Rules as directory -> categories; a rule matches the paths strictly below
-// its directory. on_query, when set, runs on every query.
+// Rules as directory -> categories, each over the paths strictly below it.
 class FakeRules : public IndexRules {
  public:
   std::map<std::string, uint32_t> rules;
-  std::function<void(const std::string&)> on_query;
   std::atomic<int> resolves{0};
 
   uint32_t stRuleCategories(const std::string& path) const override {
-    if (on_query) on_query(path);
     uint32_t mask = 0;
     for (const auto& [dir, categories] : rules)
       if (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/')
@@ -81,7 +67,6 @@ class FakeRules : public IndexRules {
   void stResolveRulePaths() override { ++resolves; }
 };
 
-
 class ScanTest : public KordTest {
  protected:
   void SetUp() override {
@@ -90,7 +75,6 @@ class ScanTest : public KordTest {
     loadMap("mkv,avi:STDVIDEO:true:\nmp3:STDAUDIO:true:\njpg:STDIMAGE:true:\n");
     rules_.rules[at("p1")] = kCategoryMovies | kCategoryMusic;
   }
-
   void loadMap(const std::string& text) {
     types_.clear();
     sandbox_.write("types.ini", text);
@@ -99,7 +83,7 @@ class ScanTest : public KordTest {
     ASSERT_EQ(types_.load(file), 0);
     std::fclose(file);
   }
-  // An executable shell script below the sandbox; its path.
+  // An executable shell script in the sandbox; its path.
   std::string script(const std::string& name, const std::string& body) {
     sandbox_.write(name, "#!/bin/sh\n" + body);
     EXPECT_EQ(::chmod((sandbox_ / name).c_str(), 0755), 0);

@@ -3,18 +3,12 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <future>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "common/file_descriptor.h"
 #include "tests/support/fault_injection.h"
@@ -25,22 +19,18 @@ namespace zibd {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 // A profiler that appends "ARG1|ARG2|VIEW NAME|LINKS" to <its path>.log for each run.
 constexpr char kLoggingProfiler[] =
     "for a; do last=$a; done\n"
     "n=$(find \"$last\" -mindepth 1 -maxdepth 1 -type l -printf x | wc -c)\n"
     "echo \"$1|$2|${last##*/}|$n\" >> \"$0.log\"\n";
-// A profiler that writes its process id to <sandbox>/pid and never ends.
-constexpr char kHangingProfiler[] = "echo $$ > \"$(dirname \"$0\")/pid\"\nexec sleep 600\n";
 
 int openDescriptors() {
   int n = 0;
   for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
   return n;
 }
-bool noChildLeft() { return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 class ScannerTest : public test::ScanTest {
  protected:
@@ -115,10 +105,10 @@ TEST_F(ScannerTest, PendingFilesAreProfiledInBatchesOfOneHundredAndMarked) {
   EXPECT_EQ(getTag(films[3], kTagModified), timeText(1800000000));
   EXPECT_EQ(tagsOf(below), "unknown");
   // Only the rule and rescan requests report a scanned partition.
-  EXPECT_THAT(reports_.scanned(), ElementsAre(at("p1"), at("p1")));
+  EXPECT_THAT(reports_.reports(), ElementsAre("busy", at("p1"), at("p1")));
 }
 
-TEST_F(ScannerTest, HostileProfilersNeverDisturbTheScanner) {
+TEST_F(ScannerTest, ProfilersThatCrashChatterAreMissingOrCannotBeForkedNeverHoldTheScanner) {
   rules_.rules[at("p1")] = kCategoryMovies | kCategoryMusic | kCategoryPictures;
   loadMap("mkv:STDVIDEO:" + script("crash", "kill -SEGV $$\n") + ":\nmp3:STDAUDIO:" +
           script("chatty", "head -c 4000000 /dev/zero; head -c 4000000 /dev/zero >&2\n") +
@@ -145,19 +135,14 @@ TEST_F(ScannerTest, HostileProfilersNeverDisturbTheScanner) {
   EXPECT_GE(std::filesystem::file_size(sandbox_ / "output"), 16000000U);
   // Each batch is marked all the same, the one whose profiler could not be run included.
   for (const std::string& path : files) EXPECT_EQ(getTag(path, kTagModified), timeText(1600000000)) << path;
-  EXPECT_TRUE(noChildLeft());
-}
-
-TEST_F(ScannerTest, ProfilerThatCannotBeForkedLeavesTheScannerGoing) {
-  videoProfiler(kLoggingProfiler);
-  const std::string film = media("p1/a.mkv");
+  EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);  // every child reaped
+  setMtime(files[0], 1650000000);
   {
     test::ScopedFault no_fork(test::Call::kFork, EAGAIN, -1);
     scan(at("p1"), kScanRuleDirectory);
   }
-  EXPECT_EQ(logOf("prof"), "");
-  EXPECT_FALSE(pending(film));  // marked as the failed run leaves it
-  EXPECT_THAT(reports_.scanned(), ElementsAre(at("p1")));
+  EXPECT_EQ(getTag(files[0], kTagModified), timeText(1650000000));
+  EXPECT_THAT(reports_.reports(), ElementsAre("busy", at("p1"), at("p1"), at("p1")));
 }
 
 TEST_F(ScannerTest, SymlinkedMediaFilesAreProfiledOnceUnderTheLinkPath) {
@@ -171,21 +156,24 @@ TEST_F(ScannerTest, SymlinkedMediaFilesAreProfiledOnceUnderTheLinkPath) {
   scan(at("p1/links"), kScanRuleDirectory);
   EXPECT_EQ(logOf("prof"), (sandbox_ / "views/") + view(0, 1) + "||" + view(0, 1) + "|3\n");
   for (const std::string& link : links) EXPECT_FALSE(pending(link)) << link;
-  EXPECT_THAT(files(at("p2")), IsEmpty());  // targets are not tagged
+  EXPECT_THAT(files(at("p2")), ::testing::IsEmpty());  // targets are not tagged
 }
 
-TEST_F(ScannerTest, FilesVanishedBeforeMarkingDoNotHoldTheScanner) {
+TEST_F(ScannerTest, FilesVanishedBeforeMarkingDoNotHoldTheScannerNorTheInitialScan) {
   videoProfiler("rm -f \"" + at("p1") + "\"/*.mkv\n");
   const std::string kept = media("p1/sub/kept.mkv"), gone = media("p1/gone.mkv");
   scan(at("p1"), kScanRuleDirectory);
   EXPECT_TRUE(pending(gone));
   EXPECT_FALSE(pending(kept));  // its batch-mate is marked all the same
+  EXPECT_EQ(storage_.initial_scans_done, 0);
+  scan(root(), kScanStorageRoot);  // a cleanup that succeeds completes the initial scan
+  EXPECT_EQ(storage_.initial_scans_done, 1);
 }
 
 TEST_F(ScannerTest, StopBelowKillsTheProfilerAndReturnsOnceTheScannerIsIdle) {
   // Video is visited first (records are in reverse line order).
-  loadMap("mp3:STDAUDIO:" + script("aprof", kLoggingProfiler) + ":\nmkv:STDVIDEO:" + script("hang", kHangingProfiler) +
-          ":\n");
+  loadMap("mp3:STDAUDIO:" + script("aprof", kLoggingProfiler) + ":\nmkv:STDVIDEO:" +
+          script("hang", "echo $$ > \"$(dirname \"$0\")/pid\"\nexec sleep 600\n") + ":\n");
   const std::string film = media("p1/a.mkv"), song = media("p1/b.mp3");
   started_ = true;
   scanner_.start();

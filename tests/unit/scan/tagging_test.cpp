@@ -1,10 +1,6 @@
 #include "scan/tagging.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <ctime>
-#include <string>
 
 #include "tests/unit/scan/scan_fixture.h"
 
@@ -25,32 +21,32 @@ class TaggingTest : public test::ScanTest {
   int tag(const std::string& path, const Visibility& visibility = {}) {
     return tagger_.tagFile(path.c_str(), visibility);
   }
-  // The identity of a file first tagged at the time `when`.
-  static std::string hashText(const std::string& path, std::time_t when) {
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(tagHash(path, timeText(when))));
-    return text;
-  }
 
   std::atomic<int> abort_{0};
   KordBulk bulk_{kord_bulk_init()};
   Tagger tagger_{types_, rules_, bulk_, abort_};
 };
 
-TEST_F(TaggingTest, NewFileGetsIdentityVisibilityAndItsPlaceInABatch) {
+TEST_F(TaggingTest, NewFilesGetIdentityVisibilityAndABatchOfWhichTheFirstHoldsNinetyNine) {
   const std::string film = media("p1/Media/film.MKV", 1700000000);
   const std::time_t before = std::time(nullptr);
   EXPECT_EQ(tag(film), 0);
   const std::time_t after = std::time(nullptr);
+  // The identity hashes the path and the time of the first tagging.
   auto tags = [&](std::time_t when) {
-    return ".s.batchidx=0 .s.filetype=STDVIDEO .s.hash=" + hashText(film, when) + " .s.invisible=0 .s.tbp=1";
+    char hash[17];
+    std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(tagHash(film, timeText(when))));
+    return std::string(".s.batchidx=0 .s.filetype=STDVIDEO .s.hash=") + hash + " .s.invisible=0 .s.tbp=1";
   };
   EXPECT_THAT(tagsOf(film), ::testing::AnyOf(tags(before), tags(after)));
-  EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 1);
-  EXPECT_EQ(tagger_.newFiles(), 1);
+  for (int i = 2; i <= 100; ++i) ASSERT_EQ(tag(media("p1/v/" + std::to_string(i) + ".avi")), 0);
+  EXPECT_EQ(getTag(at("p1/v/99.avi"), kTagBatchIndex), "0");
+  EXPECT_EQ(getTag(at("p1/v/100.avi"), kTagBatchIndex), "1");
+  EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 100);
+  EXPECT_EQ(tagger_.newFiles(), 100);
 }
 
-TEST_F(TaggingTest, FilesOutsideTheRulesOrTheMapGetNoTags) {
+TEST_F(TaggingTest, NothingIsTaggedOutsideTheRulesOrTheMapOrOnceAborted) {
   rules_.rules[at("p2/Music")] = kCategoryMusic;
   for (const char* name : {"p1/Media/notes.txt", "p1/Media/README", "p1/Media.d/film",
                            "p1/Media/photo.jpg",  // pictures not enabled on p1
@@ -62,59 +58,36 @@ TEST_F(TaggingTest, FilesOutsideTheRulesOrTheMapGetNoTags) {
   EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 0);
   EXPECT_EQ(tag(media("p2/Music/song.mp3")), 0);
   EXPECT_EQ(getTag(at("p2/Music/song.mp3"), kTagFileType), "STDAUDIO");
-}
-
-TEST_F(TaggingTest, ProfiledFileIsLeftAloneUntilItsTimeChangesAndKeepsItsIdentity) {
-  const std::string film = media("p1/film.mkv", 1700000000);
-  ASSERT_EQ(tag(film), 0);
-  const std::string hash = getTag(film, kTagHash);
-  // What the profiler run leaves after marking the file.
-  ASSERT_NO_FATAL_FAILURE(KordTest::tag(film, {{kTagModified, timeText(1700000000)}}));
-  {
-    test::Handle h = open();
-    ASSERT_EQ(kord_bulk_setpath(h.get(), film.c_str()), 0);
-    for (const char* name : {kTagToProfile, kTagFileType, kTagBatchIndex}) ASSERT_EQ(kord_bulk_deltag(h.get(), name), 0);
-    ASSERT_EQ(kord_bulk_commit(h.get()), 0);
-  }
-  const std::string profiled = tagsOf(film);
-  typeRecord("STDVIDEO").pending_count = 0;
-  EXPECT_EQ(tag(film), 0);
-  EXPECT_EQ(tagsOf(film), profiled);
-  EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 0);
-
-  setMtime(film, 1700000100);
-  EXPECT_EQ(tag(film), 0);
-  EXPECT_EQ(tagsOf(film), ".s.batchidx=0 .s.filetype=STDVIDEO .s.hash=" + hash + " .s.invisible=0 .s.mdt=" + timeText(1700000000) + " .s.tbp=1");
-  EXPECT_EQ(tagger_.newFiles(), 1);
-}
-
-TEST_F(TaggingTest, FirstBatchOfATypeHoldsNinetyNineFiles) {
-  for (int i = 1; i <= 100; ++i) ASSERT_EQ(tag(media("p1/v/" + std::to_string(i) + ".avi")), 0);
-  EXPECT_EQ(getTag(at("p1/v/99.avi"), kTagBatchIndex), "0");
-  EXPECT_EQ(getTag(at("p1/v/100.avi"), kTagBatchIndex), "1");
-  EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 100);
-}
-
-TEST_F(TaggingTest, VisibilityDecidesTheInvisibleTagOfNewFilesOnly) {
-  const Visibility managed{Visibility::Kind::kInsideDirectory, at("p1/Media")};
-  for (const auto& [name, expected] : {std::pair{"p1/Media/a.mkv", "0"}, {"p1/Media2/b.mkv", "1"}, {"p1/c.mkv", "1"}}) {
-    ASSERT_EQ(tag(media(name), managed), 0);
-    EXPECT_EQ(getTag(at(name), kTagInvisible), expected) << name;
-  }
-  ASSERT_EQ(tag(media("p1/Media/d.mkv"), {Visibility::Kind::kInvisible, {}}), 0);
-  EXPECT_EQ(getTag(at("p1/Media/d.mkv"), kTagInvisible), "1");
-  // A file profiled before keeps the visibility it got first.
-  ASSERT_NO_FATAL_FAILURE(KordTest::tag(at("p1/Media/a.mkv"), {{kTagModified, timeText(1500000000)}}));
-  setMtime(at("p1/Media/a.mkv"), 1600000000);
-  ASSERT_EQ(tag(at("p1/Media/a.mkv"), {Visibility::Kind::kInvisible, {}}), 0);
-  EXPECT_EQ(getTag(at("p1/Media/a.mkv"), kTagInvisible), "0");
-}
-
-TEST_F(TaggingTest, AbortStopsBeforeAnyLookup) {
-  rules_.on_query = [](const std::string& path) { ADD_FAILURE() << "rules asked for " << path; };
   abort_ = 1;
   EXPECT_EQ(tag(media("p1/film.mkv")), 1);
   EXPECT_EQ(tagsOf(at("p1/film.mkv")), "unknown");
+}
+
+TEST_F(TaggingTest, VisibilityIsGivenOnceAndAProfiledFileIsTaggedAgainOnlyWhenItsTimeChanges) {
+  const Visibility managed{Visibility::Kind::kInsideDirectory, at("p1/Media")}, hidden{Visibility::Kind::kInvisible, {}};
+  for (const auto& [name, expected] : {std::pair{"p1/Media/a.mkv", "0"}, {"p1/Media2/b.mkv", "1"}, {"p1/c.mkv", "1"}}) {
+    ASSERT_EQ(tag(media(name, 1700000000), managed), 0);
+    EXPECT_EQ(getTag(at(name), kTagInvisible), expected) << name;
+  }
+  ASSERT_EQ(tag(media("p1/Media/d.mkv"), hidden), 0);
+  EXPECT_EQ(getTag(at("p1/Media/d.mkv"), kTagInvisible), "1");
+  // Marked by its profiler run, the way the scanner leaves it.
+  const std::string film = at("p1/Media/a.mkv"), hash = getTag(film, kTagHash);
+  ASSERT_NO_FATAL_FAILURE(KordTest::tag(film, {{kTagModified, timeText(1700000000)}}));
+  test::Handle h = open();
+  ASSERT_EQ(kord_bulk_setpath(h.get(), film.c_str()), 0);
+  for (const char* name : {kTagToProfile, kTagFileType, kTagBatchIndex}) ASSERT_EQ(kord_bulk_deltag(h.get(), name), 0);
+  ASSERT_EQ(kord_bulk_commit(h.get()), 0);
+  const std::string profiled = tagsOf(film);
+  typeRecord("STDVIDEO").pending_count = 0;
+  EXPECT_EQ(tag(film, hidden), 0);
+  EXPECT_EQ(tagsOf(film), profiled);
+  setMtime(film, 1700000100);
+  EXPECT_EQ(tag(film, hidden), 0);
+  EXPECT_EQ(tagsOf(film), ".s.batchidx=0 .s.filetype=STDVIDEO .s.hash=" + hash + " .s.invisible=0 .s.mdt=" +
+                              timeText(1700000000) + " .s.tbp=1");
+  EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 1);
+  EXPECT_EQ(tagger_.newFiles(), 4);
 }
 
 TEST_F(TaggingTest, CleanupDropsWhatIsGoneOrNoLongerWanted) {
