@@ -19,8 +19,7 @@ failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 # Runs a kordctl (host or target, an array name) on database $db.
 run() { local -n side=$1; shift; "${side[@]}" --db "$db" "$@"; }
-# expect WHAT FILE-WITH-EXPECTED-OUTPUT COMMAND...: the command succeeds and
-# prints exactly the expected bytes.
+# expect WHAT FILE COMMAND...: the command succeeds and prints exactly FILE's bytes.
 expect() {
   local what=$1 expected=$2; shift 2
   if ! "$@" >"$tmp/out" 2>"$tmp/err"; then
@@ -37,8 +36,7 @@ song=$root/Media/Music/$'M\xc3\xbcller\n\xe2\x80\x94 Caf\xc3\xa9'.mp3  # a newli
 hash=9e107d9d372bb6826bd81d3542a419d6
 title=$'Caf\xc3\xa9 \xe2\x80\x94 \xff\xfe\x80\xa0\nend'  # UTF-8, bytes that are not, a newline
 long=$(printf 'chunk-%04d:\xc3\xa4\xc3\xb6\xc3\xbc;' $(seq 400))  # spills onto overflow pages
-# Long directory names, so that the tables and the path index span several
-# pages of the B-tree.
+# Long directory names: the tables and the path index span several B-tree pages.
 deep=$root/Media/Pictures/$(printf 'directory-with-a-long-name-%03d/' $(seq 8))
 
 # exchange WRITER READER: WRITER fills a new database, READER checks and
@@ -49,19 +47,13 @@ exchange() {
   : >"$db"
   echo "== written by the $writer kordctl, read by the $reader kordctl"
 
-  run "$writer" set "$film" .s.hash "$hash"
-  run "$writer" set "$film" .s.filetype STDVIDEO
-  run "$writer" set "$film" .s.title "$title"
-  run "$writer" set "$film" .s.note "$long"
-  run "$writer" set "$song" .s.filetype STDAUDIO
-  run "$writer" set "$song" .s.tbp 1
-  run "$writer" set "$song" .s.mdt 1700000000
+  run "$writer" set "$film" .s.hash "$hash" .s.filetype STDVIDEO .s.title "$title" .s.note "$long"
+  run "$writer" set "$song" .s.filetype STDAUDIO .s.tbp 1 .s.mdt 1700000000
   run "$writer" del "$song" .s.mdt
   local i pictures=()
   for i in $(seq 12); do
     pictures+=("${deep}IMG_$(printf %04d "$i").JPG")
-    run "$writer" set "${pictures[-1]}" .s.filetype STDIMAGE
-    run "$writer" set "${pictures[-1]}" .s.hash "$i$hash"
+    run "$writer" set "${pictures[-1]}" .s.filetype STDIMAGE .s.hash "$i$hash"
   done
 
   # Lists are read NUL-separated (-0): names and values may hold newlines.
@@ -96,8 +88,5 @@ exchange() {
 exchange target host
 exchange host target
 
-if ((failures)); then
-  echo "exchange.sh: $failures check(s) failed" >&2
-  exit 1
-fi
+((failures == 0)) || { echo "exchange.sh: $failures check(s) failed" >&2; exit 1; }
 echo "exchange.sh: the databases crossed between the byte orders both ways"
