@@ -8,8 +8,6 @@
 
 #include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/support/sandbox.h"
 #include "tests/support/subprocess.h"
@@ -63,7 +61,21 @@ class CliTest : public test::SandboxTest {
     sandbox_.write("long.ini", "#" + std::string(399, '-') + "\nmp4:STDVIDEO:/p:\n");  // read in two pieces
     sandbox_.mkdirs("directory.ini");
   }
+  void TearDown() override {
+    if (daemon_pid_ > 0 && ::waitpid(daemon_pid_, nullptr, WNOHANG) == 0) {
+      ::kill(daemon_pid_, SIGKILL);
+      ::waitpid(daemon_pid_, nullptr, 0);
+    }
+  }
+  // Runs script in a shell in a private mount namespace with $0 the daemon and $1 the map.
+  test::Result inNamespace(const std::string& script) {
+    std::vector<std::string> argv = {"/usr/bin/env", "unshare", "--mount", "--propagation", "private"};
+    if (::geteuid() != 0) argv.insert(argv.begin() + 2, {"--user", "--map-root-user"});
+    argv.insert(argv.end(), {"sh", "-c", script, binary("zibd"), map_});
+    return run(argv);
+  }
   std::string map_ = sandbox_ / "types.ini";
+  pid_t daemon_pid_ = -1;
 };
 
 TEST_F(CliTest, BadCommandLinesAndMapsFailWithTheirMessage) {
@@ -117,32 +129,9 @@ INSTANTIATE_TEST_SUITE_P(Signals, StopSignalTest, ::testing::Values(SIGTERM, SIG
                          [](const auto& p) { return std::string(sigabbrev_np(p.param)); });
 
 // Daemon mode writes /run/NAME.pid: it runs in a private mount namespace with its own /run.
-class DaemonModeTest : public CliTest {
- protected:
-  void SetUp() override {
-    CliTest::SetUp();
-    unshare_ = {"/usr/bin/env", "unshare", "--mount", "--propagation", "private"};
-    if (::geteuid() != 0) unshare_.insert(unshare_.begin() + 2, {"--user", "--map-root-user"});
-    if (inNamespace("mount -t tmpfs none /run").status != 0) GTEST_SKIP() << "no private mount namespace here";
-    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);  // the detached daemon becomes our child
-  }
-  void TearDown() override {
-    if (daemon_pid_ > 0 && ::waitpid(daemon_pid_, nullptr, WNOHANG) == 0) {
-      ::kill(daemon_pid_, SIGKILL);
-      ::waitpid(daemon_pid_, nullptr, 0);
-    }
-  }
-  // Runs script in a shell in the namespace with $0 the daemon and $1 the map.
-  test::Result inNamespace(const std::string& script) {
-    std::vector<std::string> argv = unshare_;
-    argv.insert(argv.end(), {"sh", "-c", script, binary("zibd"), map_});
-    return run(argv);
-  }
-  std::vector<std::string> unshare_;
-  pid_t daemon_pid_ = -1;
-};
-
-TEST_F(DaemonModeTest, DetachesWritesItsPidFileAndStopsOnSigtermButNeedsThePidFile) {
+TEST_F(CliTest, DaemonModeDetachesWritesItsPidFileAndStopsOnSigtermButNeedsThePidFile) {
+  if (inNamespace("mount -t tmpfs none /run").status != 0) GTEST_SKIP() << "no private mount namespace here";
+  ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);  // the detached daemon becomes our child
   const test::Result ro = inNamespace("mount -t tmpfs -o ro none /run && exec \"$0\" -d -t \"$1\"");
   EXPECT_EQ(ro.status, 1);
   EXPECT_EQ(ro.err, "proc_lib_daemonize() failed\n");
