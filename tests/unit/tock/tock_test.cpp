@@ -1,9 +1,8 @@
 #include "platform/tock.h"
 
-#include <stdlib.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <sstream>
 #include <thread>
@@ -12,13 +11,10 @@
 
 namespace {
 
-using zibd::test::SandboxTest;
-
-class TockTest : public SandboxTest {
+class TockTest : public zibd::test::SandboxTest {
  protected:
   void SetUp() override { ::setenv("TOCK_EVENTS", log_.c_str(), 1); }
   void TearDown() override { ::unsetenv("TOCK_EVENTS"); }
-
   std::vector<std::string> lines() const {  // the log must end in a whole line
     std::string all = zibd::test::readFile(log_);
     EXPECT_TRUE(all.empty() || all.back() == '\n') << "the log ends in a partial line";
@@ -50,24 +46,19 @@ TEST_F(TockTest, EventsAreAppendedAsOneLineEachInOrder) {
 }
 
 TEST_F(TockTest, ConcurrentProducersNeverInterleaveWithinALine) {
-  constexpr int kThreads = 4, kEvents = 500;
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (char t = '0'; t < '4'; ++t) {
     threads.emplace_back([t] {
-      tock_t* p = tock_init(("producer" + std::to_string(t)).c_str(), "/", 0, 0, 0);
-      ASSERT_NE(p, nullptr);
-      const std::string path = "/" + std::string(200, static_cast<char>('a' + t));
-      for (int i = 0; i < kEvents; ++i) ASSERT_EQ(tock_event(p, path.c_str(), 2), 0);
+      tock_t* p = tock_init((std::string("producer") + t).c_str(), "/", 0, 0, 0);
+      const std::string path = "/" + std::string(200, t);
+      for (int i = 0; i < 500; ++i) EXPECT_EQ(tock_event(p, path.c_str(), 2), 0);
       tock_fini(p);
     });
   }
   for (auto& th : threads) th.join();
   auto all = lines();
-  ASSERT_EQ(all.size(), static_cast<size_t>(kThreads * kEvents));
-  for (const auto& line : all) {
-    ASSERT_THAT(line, testing::MatchesRegex("producer([0-3])\t2\t/(a+|b+|c+|d+)"));
-    EXPECT_EQ(line[line.size() - 1], 'a' + (line[8] - '0')) << line;
-  }
+  ASSERT_EQ(all.size(), 2000u);
+  for (const auto& line : all) ASSERT_EQ(line, "producer" + line.substr(8, 1) + "\t2\t/" + std::string(200, line[8]));
 }
 
 }  // namespace
