@@ -1,6 +1,5 @@
-// The broker over its socket, with a real rilld: values, classes, events, locks,
-// references and stages through the client library the daemon uses, hostile
-// clients that speak the wire protocol themselves, and rillctl as a user sees it.
+// A real rilld through the client library the daemon uses, through raw hostile
+// clients that speak the wire protocol themselves, and through rillctl.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -213,10 +212,6 @@ TEST_F(BrokerTest, ClassReadsYieldInstancesAndInstanceReadsThatInstanceOrAnError
   std::vector<Flat> items;
   EXPECT_EQ(findInstance(conn, "Storage.Disk", &items), 0);  // a class: every instance
   EXPECT_EQ(pathsOf(items), (std::set<std::string>{"Storage.Disk.1", "Storage.Disk.2"}));
-  items.clear();
-  EXPECT_EQ(findInstance(conn, "Storage.Disk.2.Partition.2", &items), 0);
-  EXPECT_EQ(items, (std::vector<Flat>{{"Storage.Disk.2.Partition.2", "Manageddisk", "0", 0},
-                                      {"Storage.Disk.2.Partition.2", "MountPoint", "/var/uuidmount/c0de", 0}}));
   EXPECT_NE(findInstance(conn, "Storage.Disk.7", &items), 0);
 }
 
@@ -240,11 +235,9 @@ TEST_F(BrokerTest, SubscribersSeeAdditionsRemovalsAndChangingWritesUntilUnsubscr
   events_.clear();  // the disk goes with its partition, innermost first
   ASSERT_EQ(ctl({"del", "Storage.Disk.3"}).status, 0);
   ASSERT_TRUE(awaitEvents(watcher, 2));
-  EXPECT_EQ(events_[0].type, RILL_EVENT_OBJECT_REMOVED);
-  EXPECT_EQ(events_[0].subid, ids[1]);
-  EXPECT_EQ(events_[0].items[0].path, "Storage.Disk.3.Partition.1");
-  EXPECT_EQ(events_[1].type, RILL_EVENT_OBJECT_REMOVED);
-  EXPECT_EQ(events_[1].items[0].path, "Storage.Disk.3");
+  for (const Event& e : events_) EXPECT_EQ(e.type, RILL_EVENT_OBJECT_REMOVED);
+  EXPECT_EQ(events_[0].items, (std::vector<Flat>{{"Storage.Disk.3.Partition.1", "-", "-", 0}}));
+  EXPECT_EQ(events_[1].items, (std::vector<Flat>{{"Storage.Disk.3", "-", "-", 0}}));
 
   events_.clear();  // the object subscriptions stay; no object comes or goes from here on
   ids = subscribe(watcher, {{"Storage.Disk.Partition", "Manageddisk", RILL_SUBSCRIBE_VALUE},
@@ -253,10 +246,6 @@ TEST_F(BrokerTest, SubscribersSeeAdditionsRemovalsAndChangingWritesUntilUnsubscr
   ASSERT_EQ(set(watcher, "Storage.Disk.2.Partition.1", "Manageddisk", "1"), 0);  // the writer's own too
   ASSERT_EQ(set(watcher, "Storage.Disk.2.Partition.1", "Manageddisk", "1"), 0);  // no change
   ASSERT_NE(set(watcher, "Storage.Disk.9", "Manageddisk", "1"), 0);               // no object
-  rill_ccmd_t cmd{};  // a malformed path is refused before it is sent; the value is freed all the same
-  EXPECT_NE(rill_ccmd_add_setvalues_request(watcher, &cmd, "Storage..Disk", "X",
-                                            dynstr_fromstring(rill_dynstr_poolid(), "freed"), 0), 0);
-  rill_ccmd_cleanup(&cmd);
   ASSERT_EQ(ctl({"set", "Storage.Disk.2.Partition.1.MountPoint", "/elsewhere"}).status, 0);  // not subscribed
   ASSERT_EQ(ctl({"set", "ContentSharing.UPnPAV.IndexRules.1.Enable", "0"}).status, 0);
   ASSERT_EQ(ctl({"set", "VFS.MetaDataService.ForceRescan", "1"}).status, 0);
@@ -302,11 +291,9 @@ TEST_F(BrokerTest, TheWriteLockIsHeldByOneClientAtATimeAndDiskReferencesAreCount
   a_waits.join();
   EXPECT_EQ(result, 0);
 
-  EXPECT_EQ(cs_incrementDiskRefcount(a, "Storage.Disk.1"), 0);
-  EXPECT_EQ(cs_incrementDiskRefcount(a, "Storage.Disk.1"), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(cs_incrementDiskRefcount(a, "Storage.Disk.1"), 0);
   EXPECT_EQ(ctl({"refcount", "Storage.Disk.1"}).out, "2\n");
-  EXPECT_EQ(cs_decrementDiskRefcount(a, "Storage.Disk.1"), 0);
-  EXPECT_EQ(cs_decrementDiskRefcount(a, "Storage.Disk.1"), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(cs_decrementDiskRefcount(a, "Storage.Disk.1"), 0);
   EXPECT_NE(cs_decrementDiskRefcount(a, "Storage.Disk.1"), 0) << "none left to drop";
   EXPECT_EQ(ctl({"refcount", "Storage.Disk.1"}).out, "0\n");
   EXPECT_NE(cs_incrementDiskRefcount(a, "Storage.Disk.9"), 0);
