@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "tests/support/subprocess.h"
 #include "tests/unit/kord/kord_fixture.h"
 
@@ -100,19 +98,6 @@ TEST_F(KordctlTest, FailuresExitWithTheirStatusAndMessage) {
   EXPECT_THAT(kordctl({"--help"}), ::testing::FieldsAre(0, StartsWith("usage: kordctl"), ""));
   ASSERT_EQ(kordctl({"set", at("p1/a.mp4"), "n", std::string(100000, 'v')}).status, 0);
   EXPECT_EQ(tagsOf(at("p1/a.mp4")), ".s.tbp=1 n=" + std::string(100000, 'v'));
-}
-
-// --db uses that file for every path, under its whole name, a newline included.
-TEST_F(KordctlTest, DbOptionUsesThatFileForEveryPath) {
-  configure();
-  tag(at("p1/a.mp4"), {{".s.tbp", "1"}});
-  ::unsetenv(kord::kIniEnv);  // the gateway's path: absent on a development host
-  EXPECT_EQ(kordctl({"--db", database(), "files"}).out, at("p1/a.mp4") + "\n");
-  const std::string odd = sandbox_ / "tag\ndb";
-  sandbox_.write("tag\ndb");  // empty: a new database
-  EXPECT_EQ(kordctl({"--db=" + odd, "set", "/anywhere/b.mp4", "k", "v"}).status, 0);
-  EXPECT_EQ(kordctl({"--db", odd, "tags", "/anywhere/b.mp4"}).out, "k=v\n");
-  EXPECT_FALSE(std::filesystem::exists(sandbox_ / "tag")) << "a database under the name cut at the newline";
 }
 
 TEST_F(KordctlTest, ChangesMadeByKordctlKeepViewsRight) {

@@ -344,11 +344,8 @@ TEST_F(BrokerTest, GarbageTruncatedAndVanishingClientsHurtOnlyThemselves) {
   {
     RawClient half(socket_);
     half.send(std::string("\0\0\x01\0\x01\x03", 6));  // 256 bytes announced, 2 sent, then gone
-    rill::Request wait;
-    wait.op = rill::Op::kStageWait;
-    wait.number = 1000;
-    RawClient waiter(socket_);
-    waiter.send(rill::encode(wait));  // gone in the middle of a request
+    RawClient waiter(socket_);  // gone in the middle of a request
+    waiter.send(rill::encode(rill::Request{rill::Op::kStageWait, 1, "", "", "", 1000, {}}));
   }
   std::vector<std::unique_ptr<RawClient>> idle;  // connected, silent
   for (int i = 0; i < 20; ++i) idle.push_back(std::make_unique<RawClient>(socket_));
