@@ -82,33 +82,26 @@ TEST_F(CliTest, BadCommandLinesAndMapsFailWithTheirMessage) {
   std::filesystem::create_symlink(binary("zibd"), sandbox_ / "mediad");
   const std::string zibd = binary("zibd"), mediad = sandbox_ / "mediad";
   const std::string getopt_then_usage = "<a line of getopt's, then the usage>";
-  struct Case {
-    std::vector<std::string> argv;
-    int status;
-    std::string err;
-  };
-  for (const Case& c : std::vector<Case>{
+  for (const auto& [argv, status, err] : std::vector<std::tuple<std::vector<std::string>, int, std::string>>{
            {{zibd, "-h"}, 0, usage("zibd")},
            {{mediad, "-h"}, 0, usage("mediad")},                           // the name as invoked
            {{zibd, "-t", map_, "-h", "-x", "-n", "3"}, 0, usage("zibd")},  // -h ends the scan
-           {{zibd}, 1, usage("zibd")},
-           {{zibd, "-d"}, 1, usage("zibd")},
+           {{zibd}, 1, usage("zibd")}, {{zibd, "-d"}, 1, usage("zibd")},
            {{zibd, "-n", "3", "-t", map_}, 1, getopt_then_usage},  // in the usage, yet not accepted
            {{zibd, "-t", map_, "-w", "5"}, 1, getopt_then_usage},
-           {{zibd, "-x", "-t", map_}, 1, getopt_then_usage},
-           {{zibd, "-t"}, 1, getopt_then_usage},
+           {{zibd, "-x", "-t", map_}, 1, getopt_then_usage}, {{zibd, "-t"}, 1, getopt_then_usage},
            {{zibd, "-t", sandbox_ / "directory.ini"}, 1,
             "Could not open " + (sandbox_ / "directory.ini") + " for reading\n"},  // as a missing file
            {{zibd, "-t", sandbox_ / "bad.ini"}, 1, "Parse error on line 4 of " + (sandbox_ / "bad.ini") + "\n"},
            {{zibd, "-t", sandbox_ / "long.ini"}, 1, "Parse error on line 2 of " + (sandbox_ / "long.ini") + "\n"},
        }) {
-    SCOPED_TRACE(testing::PrintToString(c.argv));
-    const test::Result r = run(c.argv);
-    EXPECT_EQ(r.status, c.status);
+    SCOPED_TRACE(testing::PrintToString(argv));
+    const test::Result r = run(argv);
+    EXPECT_EQ(r.status, status);
     EXPECT_EQ(r.out, "");
-    const std::string want = c.err == getopt_then_usage ? usage("zibd") : c.err;
+    const std::string want = err == getopt_then_usage ? usage("zibd") : err;
     EXPECT_TRUE(r.err.ends_with(want)) << r.err;
-    EXPECT_EQ(r.err.size() > want.size(), c.err == getopt_then_usage) << r.err;
+    EXPECT_EQ(r.err.size() > want.size(), err == getopt_then_usage) << r.err;
   }
 }
 
