@@ -1,5 +1,4 @@
-// The daemon's command line, start-up failures, signals and daemon mode, seen
-// from outside by starting the built zibd.
+// The daemon's command line, start-up failures, signals and daemon mode, seen from outside.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>

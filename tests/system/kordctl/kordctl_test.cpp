@@ -1,5 +1,4 @@
-// kordctl as people and profilers run it: output formats, messages, exit codes,
-// and views kept right by changes it makes from its own process.
+// kordctl as people and profilers run it: outputs, messages, exit codes, views kept right.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

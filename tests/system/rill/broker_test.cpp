@@ -23,7 +23,6 @@
 namespace zibd::test {
 namespace {
 
-// Two disks, three partitions, an index rule and the metadata service.
 constexpr const char* kGatewayModel =
     "# two disks\nVFS.MetaDataService.ForceRescan=0\nVFS.MetaDataService.ProfilingStatus=Ready\n"
     "Storage.Disk.1.CapacityInMBytes=953869\nStorage.Disk.1.DoUnMount=0\n"
@@ -34,11 +33,7 @@ constexpr const char* kGatewayModel =
     "ContentSharing.UPnPAV.IndexRules.1.Status=Up\nContentSharing.UPnPAV.IndexRules.1.Enable=1\n";
 
 // One item of a reply or notification; a missing field shows as "-".
-struct Flat {
-  std::string path, name, value;
-  int error = 0;
-  bool operator==(const Flat&) const = default;
-};
+struct Flat { std::string path, name, value; int error = 0; bool operator==(const Flat&) const = default; };
 std::ostream& operator<<(std::ostream& out, const Flat& f) {
   return out << "{" << f.path << " " << f.name << " " << f.value << " " << f.error << "}";
 }
@@ -91,11 +86,7 @@ class RawClient {
   FileDescriptor fd_;
 };
 
-struct Event {
-  int type;
-  uint32_t subid;
-  std::vector<Flat> items;
-};
+struct Event { int type; uint32_t subid; std::vector<Flat> items; };
 
 class BrokerTest : public SandboxTest {
  protected:

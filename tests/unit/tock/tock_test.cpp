@@ -14,7 +14,6 @@ namespace {
 class TockTest : public zibd::test::SandboxTest {
  protected:
   void SetUp() override { ::setenv("TOCK_EVENTS", log_.c_str(), 1); }
-  void TearDown() override { ::unsetenv("TOCK_EVENTS"); }
   std::vector<std::string> lines() const {  // the log must end in a whole line
     std::string all = zibd::test::readFile(log_);
     EXPECT_TRUE(all.empty() || all.back() == '\n') << "the log ends in a partial line";
