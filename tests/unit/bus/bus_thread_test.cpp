@@ -1,20 +1,16 @@
-// The bus thread's step() against a broker in the test's process: what the
-// system scenarios cannot show cheaply, refusals, lost connections, odd
-// values and the edges of one pass.
+// The bus thread's step() against a broker in the test's process, and the control pipe: what
+// the system scenarios cannot show cheaply, refusals, lost connections, odd values, edges.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
-#include <atomic>
-#include <chrono>
 #include <set>
 #include <thread>
 
 #include "bus/bus_thread.h"
 #include "bus/control_pipe.h"
-#include "host/kord/kord_host.h"
-#include "platform/kord.h"
-#include "scan/kord_bulk.h"
+#include "tests/support/fault_injection.h"
+#include "tests/support/wait_for.h"
 #include "tests/unit/storage/storage_fixture.h"
 
 namespace zibd::test {
@@ -24,7 +20,6 @@ using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
-using ::testing::UnorderedElementsAre;
 
 // Disk 1 (big, managed) and disk 2 (a stick), one partition each, and one rule.
 constexpr char kGateway[] =
@@ -56,7 +51,7 @@ class BusThreadTest : public StorageTest {
                   std::chrono::milliseconds first_pause = std::chrono::milliseconds(0)) {
     BusTiming timing;
     timing.first_pause = first_pause;
-    timing.retry_pause = std::chrono::milliseconds(0);
+    timing.retry_pause = {};
     config_.settle_delay = settle;
     remakeModel();
     rules_ = std::make_unique<RuleRegistry>(root_);
@@ -78,11 +73,17 @@ class BusThreadTest : public StorageTest {
     const ssize_t n = ::read(sync_.read_end.get(), bytes, sizeof bytes);
     return n > 0 ? std::string(bytes, n) : "";
   }
-  std::vector<std::string> published(const char* param) { return broker_->history("VFS.MetaDataService", param); }
+  std::vector<std::string> published(const char* param) { return history("VFS.MetaDataService", param); }
   // Changes a value on the bus and lets the thread handle the notification.
   void change(const std::string& object, const std::string& param, const std::string& value) {
-    ASSERT_TRUE(broker_->set(object, param, value));
+    ASSERT_TRUE(set(object, param, value));
     ASSERT_TRUE(thread_->step());
+  }
+  // Steps until the thread ends; the number of steps that did not end it.
+  int passesUntilTheEnd() {
+    int passes = 0;
+    while (thread_->step() && passes < 100) ++passes;
+    return passes;
   }
 
   std::string big_, stick_;
@@ -96,13 +97,12 @@ class BusThreadTest : public StorageTest {
 
 TEST_F(BusThreadTest, OnePublicationPerDrainAndAStopGivesEverythingBack) {
   connectThread();
-  EXPECT_THAT(mounts(), UnorderedElementsAre(big_, stick_));
+  EXPECT_THAT(mounts(), ::testing::UnorderedElementsAre(big_, stick_));
   EXPECT_EQ(rules_->stFindRule("ContentSharing.UPnPAV.IndexRules.1")->categories, kCategoryMovies);
   EXPECT_EQ(std::set(thread_->subscriptions().begin(), thread_->subscriptions().end()).size(), 6u);
   EXPECT_EQ(syncBytes(), "");
   pipe_.reportProfiling(0);  // already ready: nothing to publish
   ASSERT_TRUE(thread_->step());
-  EXPECT_THAT(published("ProfilingStatus"), IsEmpty());
   // The last status of a drain counts, once.
   for (int busy : {1, 0}) pipe_.reportProfiling(busy);
   ASSERT_TRUE(thread_->step());
@@ -115,7 +115,7 @@ TEST_F(BusThreadTest, OnePublicationPerDrainAndAStopGivesEverythingBack) {
   EXPECT_FALSE(thread_->step());
   EXPECT_THAT(published("ProfilingStatus"), ElementsAre("Profiling"));
   EXPECT_EQ(syncBytes(), "0");
-  EXPECT_EQ(broker_->refcount("Storage.Disk.1"), 0);
+  EXPECT_EQ(refcount("Storage.Disk.1"), 0);
   EXPECT_THAT(mounts(), IsEmpty());
   EXPECT_EQ(model_->connection(), nullptr);
 }
@@ -141,14 +141,14 @@ TEST_F(BusThreadTest, ForceRescanActsOnlyOnOneWithStorageAndIsAlwaysReset) {
   change("VFS.MetaDataService", "ForceRescan", "1");
   EXPECT_THAT(scans_.taken(), ElementsAre(Pair(root_, kScanStorageRoot), Pair(_, kScanForcedRescan),
                                           Pair(_, kScanForcedRescan)));
-  EXPECT_THAT(broker_->history("VFS.MetaDataService", "ForceRescan"), ElementsAre("1", "0", "2", "1", "0"));
+  EXPECT_THAT(history("VFS.MetaDataService", "ForceRescan"), ElementsAre("1", "0", "2", "1", "0"));
   change("Storage.Disk.2", "DoUnMount", "2");  // only 1 asks for the unmount
-  EXPECT_EQ(broker_->refcount("Storage.Disk.2"), 1);
+  EXPECT_EQ(refcount("Storage.Disk.2"), 1);
 }
 
-TEST_F(BusThreadTest, RuleChangesFollowTheValueChangeBoolean) {
+TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumber) {
   connectThread();
-  const std::string rule = "ContentSharing.UPnPAV.IndexRules.1", media = big_ + "/Media";
+  const std::string rule = "ContentSharing.UPnPAV.IndexRules.1";
   const struct {
     const char* param;
     const char* value;
@@ -161,38 +161,19 @@ TEST_F(BusThreadTest, RuleChangesFollowTheValueChangeBoolean) {
   for (const auto& s : steps) {
     SCOPED_TRACE(std::string(s.param) + "=" + s.value);
     change(rule, s.param, s.value);
-    EXPECT_EQ(rules_->stRuleCategories(media + "/a"), s.categories);
+    EXPECT_EQ(rules_->stRuleCategories(big_ + "/Media/a"), s.categories);
   }
-}
-
-TEST_F(BusThreadTest, ManagedFlagSetAgainChangesNothingAndClearedShowsEverything) {
-  connectThread(std::chrono::seconds(0));
-  ASSERT_TRUE(thread_->step());  // settled: the tag database is on the big disk
-  const std::string file = stick_ + "/old.mkv";
-  sandbox_.write("uuidmount/stick/old.mkv", "x");
-  KordBulk bulk(kord_bulk_init());
-  ASSERT_EQ(kord_bulk_setpath(bulk.get(), file.c_str()), 0);
-  ASSERT_EQ(kord_bulk_settag(bulk.get(), ".s.filetype", "STDVIDEO"), 0);
-  ASSERT_EQ(kord_bulk_commit(bulk.get()), 0);
-  auto invisible = [&] {
-    std::vector<std::pair<std::string, std::string>> tags;
-    kord::listTags(file, &tags);
-    return tags.size() > 1 ? tags[1].first + "=" + tags[1].second : "none";
-  };
-  change("Storage.Disk.2.Partition.1", "Manageddisk", "1");
-  EXPECT_EQ(invisible(), ".s.invisible=1");
-  EXPECT_THAT(published("ProfilingStatus"), ElementsAre("Profiling", "Ready"));
-  change("Storage.Disk.2.Partition.1", "Manageddisk", "yes");  // already managed: no tagging, no status
-  change("Storage.Disk.2.Partition.1", "Manageddisk", "1");
-  EXPECT_THAT(published("ProfilingStatus"), ElementsAre("Profiling", "Ready"));
+  change("Storage.Disk.2.Partition.1", "Manageddisk", "1");  // the managed disk moves
+  EXPECT_EQ(model_->managedPartitionPath(), stick_);
+  change("Storage.Disk.1.Partition.1", "Manageddisk", "yes");  // not a number: ignored
+  EXPECT_EQ(model_->managedPartitionPath(), stick_);
   change("Storage.Disk.2.Partition.1", "Manageddisk", "0");
-  EXPECT_EQ(invisible(), ".s.invisible=0");
   EXPECT_FALSE(model_->managedPartitionPath());
 }
 
 TEST_F(BusThreadTest, LostBusEndsTheThreadWithoutSpinning) {
   connectThread();
-  broker_->stop();
+  stopBroker();
   EXPECT_FALSE(thread_->step());
   EXPECT_EQ(thread_->state(), BusThread::State::kDone);
   EXPECT_EQ(syncBytes(), "0");
@@ -203,17 +184,15 @@ TEST_F(BusThreadTest, LostBusEndsTheThreadWithoutSpinning) {
 TEST_F(BusThreadTest, ConnectionThatCannotBeMadeIsTriedFiveTimesThenTheThreadEndsSilently) {
   makeThread();  // no broker at all
   ::setenv("RILL_SOCKET", (sandbox_ / "none.sock").c_str(), 1);
-  int passes = 0;
-  while (thread_->step() && passes < 100) ++passes;
+  EXPECT_EQ(passesUntilTheEnd(), 5);  // the start, then four attempts that did not end it
   EXPECT_EQ(thread_->attempts(), 5);
-  EXPECT_EQ(passes, 5);  // the start, then four attempts that did not end it
   EXPECT_EQ(syncBytes(), "");
 }
 
 TEST_F(BusThreadTest, RefusedSubscriptionsAreRetriedUntilTheAttemptsRunOut) {
   startBroker(kGateway, 3);  // only three subscriptions allowed
   makeThread();
-  for (int passes = 0; thread_->step() && passes < 100;) ++passes;
+  passesUntilTheEnd();
   EXPECT_EQ(thread_->attempts(), 5);
   EXPECT_EQ(syncBytes(), "0");
 }
@@ -229,6 +208,56 @@ TEST_F(BusThreadTest, StopDuringTheFirstPauseEndsAtOnceWithoutConnecting) {
   stopper.join();
   EXPECT_EQ(thread_->attempts(), 0);
   EXPECT_EQ(syncBytes(), "0");
+}
+
+// After the bus thread has gone, reports go nowhere: not into a descriptor
+// that took the pipe's number, and without SIGPIPE; a pipe that could not be
+// made takes none either.
+TEST(ControlPipeTest, ReportsAfterCloseOrAFailedOpenGoNowhere) {
+  TempDir dir;
+  ControlPipe pipe;
+  ASSERT_EQ(pipe.open(), 0);
+  pipe.reportPartitionScanned("/x");  // never read: freed with the pipe
+  pipe.close();
+  const int a = ::open((dir / "a").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const int b = ::open((dir / "b").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  EXPECT_EQ(pipe.reportProfiling(1), -1);
+  EXPECT_EQ(pipe.reportPartitionScanned("/y"), -1);
+  EXPECT_EQ(pipe.stop(), -1);
+  ::close(a);
+  ::close(b);
+  EXPECT_EQ(readFile(dir / "a") + readFile(dir / "b"), "");
+  ScopedFault fault(Call::kPipe2, EMFILE);
+  ControlPipe unmade;
+  EXPECT_EQ(unmade.open(), -1);
+  EXPECT_EQ(unmade.stop(), -1);
+}
+
+// A sender blocked on a full pipe when the bus thread leaves: the close
+// waits for it and the sender returns.
+TEST(ControlPipeTest, CloseWhileASenderIsBlockedOnAFullPipe) {
+  struct Shared {
+    ControlPipe pipe;
+    std::atomic<bool> returned{false};
+  };
+  auto* shared = new Shared;  // left to a sender that never returns
+  ASSERT_EQ(shared->pipe.open(), 0);
+  std::thread sender([shared] {
+    while (shared->pipe.reportProfiling(1) == 8) {
+    }
+    shared->returned = true;
+  });
+  const int capacity = ::fcntl(shared->pipe.readFd(), F_GETPIPE_SZ);
+  int waiting = 0;
+  EXPECT_TRUE(waitFor([&] { return ::ioctl(shared->pipe.readFd(), FIONREAD, &waiting) == 0 && waiting >= capacity; }));
+  shared->pipe.close();
+  if (!waitFor([&] { return shared->returned.load(); })) {
+    ADD_FAILURE() << "the sender is still blocked";
+    sender.detach();
+    return;
+  }
+  sender.join();
+  delete shared;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <mutex>
 
@@ -21,12 +22,11 @@ namespace zibd::test {
 class FakeStorage : public StorageQueries {
  public:
   std::atomic<bool> ready{true};
-  std::optional<std::string> managed;  // set before the scanner runs
-  mutable std::atomic<int> on_partition_queries{0}, initial_scans_done{0};
+  std::atomic<int> initial_scans_done{0};
 
   bool storageReady() const override { return ready.load(); }
-  bool pathIsOnPartition(const std::string&) const override { return ++on_partition_queries > 0; }
-  std::optional<std::string> managedPartitionPath() const override { return managed; }
+  bool pathIsOnPartition(const std::string&) const override { return true; }
+  std::optional<std::string> managedPartitionPath() const override { return std::nullopt; }
   void sendChangeEvent(const std::string&) override {}
   void markInitialScanDone() override { ++initial_scans_done; }
 };
@@ -67,6 +67,14 @@ class FakeRules : public IndexRules {
   void stResolveRulePaths() override { ++resolves; }
 };
 
+// Loads text as a map file: the parse result (0 or a line number).
+inline int parseMap(FileTypeMap& map, std::string text) {
+  std::FILE* file = ::fmemopen(text.data(), text.size(), "r");
+  const int result = file ? map.load(file) : -1;
+  if (file) std::fclose(file);
+  return result;
+}
+
 class ScanTest : public KordTest {
  protected:
   void SetUp() override {
@@ -77,11 +85,7 @@ class ScanTest : public KordTest {
   }
   void loadMap(const std::string& text) {
     types_.clear();
-    sandbox_.write("types.ini", text);
-    std::FILE* file = std::fopen((sandbox_ / "types.ini").c_str(), "re");
-    ASSERT_NE(file, nullptr);
-    ASSERT_EQ(types_.load(file), 0);
-    std::fclose(file);
+    ASSERT_EQ(parseMap(types_, text), 0);
   }
   // An executable shell script in the sandbox; its path.
   std::string script(const std::string& name, const std::string& body) {

@@ -1,7 +1,7 @@
+// The storage model and the index-rule registry against a broker in the test's process.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <limits>
+#include <sstream>
 
 #include "tests/unit/storage/storage_fixture.h"
 
@@ -9,27 +9,6 @@ namespace zibd::test {
 namespace {
 
 using ::testing::ElementsAre;
-
-TEST(StoragePathTest, ParsesDiskAndPartitionNumbers) {
-  const char* end = nullptr;
-  EXPECT_EQ(stDiskIndex("Storage.Disk.5.Partition.2", &end), 5);
-  EXPECT_STREQ(end, ".Partition.2");
-  EXPECT_EQ(stDiskIndex("Storage.Disks.5", nullptr), -1);
-  const struct {
-    const char* path;
-    int32_t partition, disk;
-  } cases[] = {{"Storage.Disk.5.Partition.2", 2, 5},
-               {"Storage.Disk.3X", -1, 3},              // no "." behind the disk number
-               {"Storage.Disk.3.Foobarbaz.7", 7, 3},    // the eleven characters from the dot are skipped
-               {"Other.Disk.3.Partition.1", -1, -1},
-               {"Storage.Disk.3.Par", -1, 3}};           // never read beyond the text
-  for (const auto& c : cases) {
-    int32_t disk = 0;
-    EXPECT_EQ(stPartitionIndex(c.path, &disk), c.partition) << c.path;
-    EXPECT_EQ(disk, c.disk) << c.path;
-  }
-  EXPECT_EQ(stDiskObjectPath(12), "Storage.Disk.12");
-}
 
 std::string partitionLines(int disk, int partition, const std::string& mount, const std::string& free_kb = "1048576",
                            const std::string& read_only = "0") {
@@ -63,25 +42,16 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsAndTakesOneRefer
          {"Storage.Disk.1.Partition.1", "Storage.Disk.1.Partition.2", "Storage.Disk.1.Partition.3",
           "Storage.Disk.1.Partition.4", "Storage.Disk.1.Partition.5", "Storage.Disk.9.Partition.1"});
   EXPECT_THAT(mounts(), ElementsAre(c, b, a));  // newest first, canonical
-  EXPECT_THAT(watches_.calls, ElementsAre("add " + a, "add " + b, "add " + c));
-  EXPECT_EQ(broker_->refcount("Storage.Disk.1"), 1);
+  EXPECT_THAT(upper_.calls, ElementsAre("add " + a, "add " + b, "add " + c));
+  EXPECT_EQ(refcount("Storage.Disk.1"), 1);
   EXPECT_TRUE(model_->deadline().has_value());
-  // The same disk again is a second record; lookups find the newer.
-  ASSERT_TRUE(broker_->set("Storage.Disk.1", "CapacityInMBytes", "2000"));
-  model_->stAddDisk("Storage.Disk.1");
-  MutexLock hold(model_->storage_lock);
-  EXPECT_EQ(model_->disks.size(), 2u);
-  EXPECT_EQ(model_->stFindDisk(1)->capacity, 2000u);
-  EXPECT_EQ(model_->disks.back().capacity, 1000u);
-  EXPECT_EQ(model_->disks.back().refcount, 1u);
-  EXPECT_EQ(model_->disks.back().partitions.back().free_mb, 1024u);
 }
 
 TEST_F(StorageModelTest, FailedReadsAddNothingAndNeverHang) {
   mount("aaaa");
   startBroker("Storage.Disk.1.CapacityInMBytes=1000\n" + partitionLines(1, 1, "@ROOT@/aaaa"));
   connectModel();
-  broker_->stop();
+  stopBroker();
   model_->stAddDisk("Storage.Disk.1");
   model_->stAddPartition("Storage.Disk.1.Partition.1");
   EXPECT_TRUE(mounts().empty());
@@ -99,9 +69,7 @@ TEST_F(StorageModelTest, QueriesAndChangeEventsFollowThePartitions) {
   }
   EXPECT_EQ(model_->managedPartitionPath(), a);
   EXPECT_TRUE(model_->pathIsOnPartition(b + "/x/y"));
-  EXPECT_TRUE(model_->pathIsOnPartition(b));
   EXPECT_FALSE(model_->pathIsOnPartition(b + "b"));
-  EXPECT_FALSE(model_->pathIsOnPartition(root_));
   model_->sendChangeEvent(a + "/Media/film.mkv");
   model_->sendChangeEvent(b);
   model_->sendChangeEvent(root_ + "/elsewhere/x");
@@ -109,21 +77,15 @@ TEST_F(StorageModelTest, QueriesAndChangeEventsFollowThePartitions) {
 }
 
 // The choice of the metadata storage. Disks 1, 2 and 3 have 500, 900 and 900
-// MB; each case adds partition 1 of the disks it names, in its order.
+// MB. Each case adds partition 1 of the disks it names, in its order, as
+// "DISK MOUNT FREE [ro] [db]": FREE in MB, or "=TEXT" for that text in KB;
+// ro: read-only, db: holds a tag database.
 struct ChoiceCase {
   const char* name;
-  struct Part {
-    int disk;
-    const char* mount;
-    std::string free_kb;
-    bool read_only = false, database = false;
-  };
-  std::vector<Part> partitions;
-  std::string location;  // the remembered mount name, "" for none
-  std::string chosen;    // the mount name chosen, "" for none
+  const char* partitions;  // comma-separated
+  const char* location;    // the remembered mount name, "" for none
+  const char* chosen;      // the mount name chosen, "" for none
 };
-
-std::string mb(unsigned long n) { return std::to_string(n * 1024); }
 
 class ChoiceTest : public StorageModelTest, public ::testing::WithParamInterface<ChoiceCase> {};
 
@@ -133,16 +95,23 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
                       "Storage.Disk.1.CapacityInMBytes=500\nStorage.Disk.2.CapacityInMBytes=900\n"
                       "Storage.Disk.3.CapacityInMBytes=900\n";
   std::vector<std::string> objects;
-  for (const auto& p : c.partitions) {
-    mount(p.mount, p.database);
-    model += partitionLines(p.disk, 1, "@ROOT@/" + std::string(p.mount), p.free_kb, p.read_only ? "1" : "0");
-    objects.push_back("Storage.Disk." + std::to_string(p.disk) + ".Partition.1");
+  std::istringstream parts(c.partitions);
+  for (std::string part; std::getline(parts, part, ',');) {
+    std::istringstream fields(part);
+    int disk = 0;
+    std::string name, free, flags, flag;
+    fields >> disk >> name >> free;
+    while (fields >> flag) flags += flag;
+    mount(name, flags.find("db") != std::string::npos);
+    const std::string kb = free[0] == '=' ? free.substr(1) : std::to_string(std::stoul(free) * 1024);
+    model += partitionLines(disk, 1, "@ROOT@/" + name, kb, flags.find("ro") != std::string::npos ? "1" : "0");
+    objects.push_back("Storage.Disk." + std::to_string(disk) + ".Partition.1");
   }
-  if (!c.location.empty()) sandbox_.write("location", root_ + "/" + c.location);
+  if (*c.location) sandbox_.write("location", root_ + "/" + c.location);
   record(model, {"Storage.Disk.1", "Storage.Disk.2", "Storage.Disk.3"}, objects);
 
-  EXPECT_EQ(model_->stChooseMetadataStorage(), !c.chosen.empty());
-  if (c.chosen.empty()) {
+  EXPECT_EQ(model_->stChooseMetadataStorage(), *c.chosen != '\0');
+  if (!*c.chosen) {
     EXPECT_EQ(model_->storageStatus(), kNoSuitableDisk);
     EXPECT_EQ(sandbox_.read("kord.ini"), "");
     return;
@@ -152,37 +121,88 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
   EXPECT_EQ(sandbox_.read("location"), chosen);
   EXPECT_THAT(sandbox_.read("kord.ini"),
               ::testing::MatchesRegex("dms-metadata-db-[0-9]+:" + root_ + ":" + chosen + "/\\.kord/tagdb\n"));
-  EXPECT_THAT(broker_->history("VFS.MetaDataService", "MetaDataStorageStatus"), ElementsAre("OK"));
+  EXPECT_THAT(history("VFS.MetaDataService", "MetaDataStorageStatus"), ElementsAre("OK"));
   MutexLock hold(model_->storage_lock);
   for (const Disk& disk : model_->disks)
     EXPECT_EQ(disk.holds_metadata, disk.partitions.front().mount_path == chosen ? 1u : 0u) << disk.index;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ChoiceTest,
-    ::testing::Values(
-        ChoiceCase{"LargestDiskBeforeMoreSpace", {{1, "small", mb(100000)}, {2, "large", mb(300)}}, "", "large"},
-        ChoiceCase{"MoreSpaceOnEqualDisks", {{2, "less", mb(300)}, {3, "more", mb(301)}}, "", "more"},
-        ChoiceCase{"TieGoesToTheOlder", {{2, "older", mb(300)}, {3, "newer", mb(300)}}, "", "older"},
-        ChoiceCase{"TwoHundredFiftyMegabytesAreEnough", {{2, "short", mb(249)}, {1, "tight", mb(250)}}, "", "tight"},
-        ChoiceCase{"ReadOnlyNeverEvenWithADatabase", {{2, "ro", mb(100000), true, true}, {3, "short", mb(249)}}, "",
-                   ""},
-        ChoiceCase{"ExistingDatabaseBeforeMoreSpace", {{2, "db", mb(300), false, true}, {3, "big", mb(9000)}}, "",
-                   "db"},
-        ChoiceCase{"RememberedWithoutDatabaseLosesToTheNewestDatabase",
-                   {{1, "plain", mb(100000)}, {2, "db1", mb(300), false, true}, {3, "db2", mb(300), false, true}},
-                   "plain",
-                   "db2"},
-        ChoiceCase{"RememberedWithItsDatabaseFirst",
-                   {{2, "db2", mb(300), false, true}, {3, "db1", mb(300), false, true}},
-                   "db2",
-                   "db2"},
-        // More kilobytes than an unsigned long holds, or 4 TiB, which overflows
-        // the gateway's 32 bits: plenty on every target; text is none.
-        ChoiceCase{"HugeFreeSpaceIsPlenty", {{1, "huge", "99999999999999999999"}}, "", "huge"},
-        ChoiceCase{"FourTebibytesArePlenty", {{1, "big", "4294967296"}}, "", "big"},
-        ChoiceCase{"UnreadableFreeSpaceIsNone", {{1, "lots", "lots"}}, "", ""}),
-    [](const ::testing::TestParamInfo<ChoiceCase>& param) { return std::string(param.param.name); });
+// More kilobytes than an unsigned long holds, or 4 TiB, which overflows the
+// gateway's 32 bits, are plenty on every target; text is no space at all.
+constexpr ChoiceCase kChoiceCases[] = {
+    {"LargestDiskBeforeMoreSpace", "1 small 100000, 2 large 300", "", "large"},
+    {"MoreSpaceOnEqualDisks", "2 less 300, 3 more 301", "", "more"},
+    {"TieGoesToTheOlder", "2 older 300, 3 newer 300", "", "older"},
+    {"TwoHundredFiftyMegabytesAreEnough", "2 short 249, 1 tight 250", "", "tight"},
+    {"ReadOnlyNeverEvenWithADatabase", "2 ro 100000 ro db, 3 short 249", "", ""},
+    {"ExistingDatabaseFirst", "2 db 300 db, 3 big 9000", "", "db"},
+    {"RememberedWithoutDatabaseLosesToTheNewestDatabase", "1 plain 100000, 2 db1 300 db, 3 db2 300 db", "plain", "db2"},
+    {"RememberedWithItsDatabaseFirst", "2 db2 300 db, 3 db1 300 db", "db2", "db2"},
+    {"HugeFreeSpaceIsPlenty", "1 huge =99999999999999999999", "", "huge"},
+    {"FourTebibytesArePlenty", "1 big =4294967296", "", "big"},
+    {"UnreadableFreeSpaceIsNone", "1 lots =lots", "", ""},
+};
+INSTANTIATE_TEST_SUITE_P(Cases, ChoiceTest, ::testing::ValuesIn(kChoiceCases),
+                         [](const ::testing::TestParamInfo<ChoiceCase>& param) { return std::string(param.param.name); });
+
+IndexRule rule(const std::string& object, const char* directory, uint32_t categories, uint32_t enabled = 1) {
+  IndexRule r;
+  r.object_path = object;
+  r.uuid = "ab";
+  if (directory) r.directory_name = directory;
+  r.categories = categories;
+  r.enabled = enabled;
+  return r;
+}
+
+TEST(RuleRegistryTest, CategoriesAreTheUnionOfTheEnabledRulesStrictlyAboveAPath) {
+  RuleRegistry rules("/r");
+  rules.stAddRule(rule("R.1", "Media/", kCategoryMovies));
+  rules.stAddRule(rule("R.2", nullptr, kCategoryMusic));  // no directory: no path
+  rules.stAddRule(rule("R.3", "Media/Films", kCategoryPictures));
+  rules.stAddRule(rule("R.4", "Media", kCategoryMusic, 0));  // disabled
+  EXPECT_EQ(rules.stFindRule("R.1")->path, "/r/ab/Media");
+  EXPECT_FALSE(rules.stFindRule("R.2")->path);
+  for (const auto& [path, mask] : {std::pair{"/r/ab/Media/Films/film.mkv", 5u}, {"/r/ab/Media/Films2/x", 1u},
+                                   {"/r/ab/Media/Films", 1u}, {"/r/ab/Media", 0u}, {"/r/cd/Media/x", 0u}})
+    EXPECT_EQ(rules.stRuleCategories(path), mask) << path;
+  // Lookup and removal take the object path as a prefix: the first rule
+  // added answers for the parameters of every rule whose path it begins.
+  rules.stAddRule(rule("R.12", "B", 2));
+  EXPECT_EQ(rules.stFindRule("R.12.Status")->object_path, "R.1");
+  rules.stRemoveRule("R.1.Enable");
+  EXPECT_EQ(rules.stFindRule("R.12.Status")->object_path, "R.12");
+  EXPECT_FALSE(rules.stFindRule("R.5"));
+  rules.stClearRules();
+  EXPECT_FALSE(rules.stHaveRules());
+}
+
+TEST_F(StorageTest, RulesAreReadFromTheBusAndResolvedThroughSymbolicLinks) {
+  const std::string rule1 = "ContentSharing.UPnPAV.IndexRules.1", rule2 = "ContentSharing.UPnPAV.IndexRules.2";
+  startBroker(rule1 + ".Status=Up\n" + rule1 + ".UUID=link\n" + rule1 + ".PartitionName=Family disk\n" + rule1 +
+              ".DirectoryName=Media/\n" + rule1 + ".EnableMovie=1\n" +
+              // Not a boolean: the last good conversion (true) still counts.
+              rule1 + ".EnableMusic=maybe\n" + rule1 + ".EnablePicture=0\n" + rule2 + ".Status=Down\n" + rule2 +
+              ".EnableMovie=1\n");
+  RuleRegistry rules(root_);
+  connectModel();
+  ASSERT_EQ(rules.stReadRule(conn_, rule1), 0);
+  ASSERT_EQ(rules.stReadRule(conn_, rule2), 0);
+  rules.stReadRule(conn_, "ContentSharing.UPnPAV.IndexRules.9");  // missing: no record
+  EXPECT_FALSE(rules.stFindRule("ContentSharing.UPnPAV.IndexRules.9"));
+  auto first = rules.stFindRule(rule1);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->enabled, 1u);
+  EXPECT_EQ(first->path, root_ + "/link/Media");
+  EXPECT_EQ(first->partition_name, "Family disk");
+  EXPECT_EQ(first->categories, kCategoryMovies | kCategoryMusic);
+  EXPECT_EQ(rules.stFindRule(rule2)->enabled, 0u);
+  sandbox_.mkdirs("uuidmount/real/Media");
+  ASSERT_EQ(::symlink((root_ + "/real").c_str(), (root_ + "/link").c_str()), 0);
+  rules.stResolveRulePaths();
+  EXPECT_EQ(rules.stFindRule(rule1)->path, root_ + "/real/Media");
+  EXPECT_EQ(rules.stRuleCategories(root_ + "/real/Media/a.mp3"), kCategoryMovies | kCategoryMusic);
+}
 
 }  // namespace
 }  // namespace zibd::test
