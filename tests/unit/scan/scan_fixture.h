@@ -19,8 +19,7 @@
 
 namespace zibd::test {
 
-class FakeStorage : public StorageQueries {
- public:
+struct FakeStorage : StorageQueries {
   std::atomic<bool> ready{true};
   std::atomic<int> initial_scans_done{0};
 
@@ -32,28 +31,24 @@ class FakeStorage : public StorageQueries {
 };
 
 // Records reports as "busy", "idle" or the scanned partition's path.
-class FakeReports : public ScanReports {
- public:
+struct FakeReports : ScanReports {
   int reportProfiling(int busy) override { return add(busy ? "busy" : "idle"); }
   int reportPartitionScanned(const std::string& mount_path) override { return add(mount_path); }
-  std::vector<std::string> reports() const {
-    std::lock_guard lock(mutex_);
-    return reports_;
-  }
-
- private:
   int add(const std::string& report) {
-    std::lock_guard lock(mutex_);
-    reports_.push_back(report);
+    std::lock_guard lock(mutex);
+    all.push_back(report);
     return 8;
   }
-  mutable std::mutex mutex_;
-  std::vector<std::string> reports_;
+  std::vector<std::string> reports() const {
+    std::lock_guard lock(mutex);
+    return all;
+  }
+  mutable std::mutex mutex;
+  std::vector<std::string> all;
 };
 
 // Rules as directory -> categories, each over the paths strictly below it.
-class FakeRules : public IndexRules {
- public:
+struct FakeRules : IndexRules {
   std::map<std::string, uint32_t> rules;
   std::atomic<int> resolves{0};
 

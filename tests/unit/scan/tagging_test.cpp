@@ -62,8 +62,7 @@ TEST(FileTypeMapTest, ParsesRecordsFieldsAndErrorLines) {
 TEST(FileTypeMapTest, FindIgnoresCaseAndAsksTheLastHitFirst) {
   FileTypeMap map;
   ASSERT_EQ(test::parseMap(map, "mp4,avi,jpg:STDVIDEO:v:\nmp4,m4a,,:STDAUDIO:a:\n"), 0);
-  FileTypeRecord* audio = &*map.records().at(0);
-  FileTypeRecord* video = &*map.records().at(1);
+  const FileTypeRecord *audio = map.records().at(0).get(), *video = map.records().at(1).get();
   EXPECT_EQ(map.find("mp4"), audio);  // the later line
   EXPECT_EQ(map.find("AVI"), video);
   EXPECT_EQ(map.find("MP4"), video);  // the last hit is asked first
@@ -88,9 +87,7 @@ TEST(TagHashTest, SignExtendsEveryByteOnEveryTarget) {
 
 class TaggingTest : public test::ScanTest {
  protected:
-  int tag(const std::string& path, const Visibility& visibility = {}) {
-    return tagger_.tagFile(path.c_str(), visibility);
-  }
+  int tag(const std::string& path, const Visibility& visibility = {}) { return tagger_.tagFile(path.c_str(), visibility); }
 
   std::atomic<int> abort_{0};
   KordBulk bulk_{kord_bulk_init()};

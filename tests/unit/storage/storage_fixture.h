@@ -14,7 +14,6 @@
 #include "host/rill/client.h"
 #include "host/rill/model.h"
 #include "platform/rill.h"
-#include "scan/scan_requests.h"
 #include "storage/rule_registry.h"
 #include "storage/scanner_control.h"
 #include "storage/storage_model.h"
@@ -31,20 +30,6 @@ class FakeUpperLayers : public WatchRequests, public ScannerControl {
   void stopBelow(const std::string&) override {}
   void stopAll() override {}
   std::vector<std::string> calls;
-};
-
-class FakeScanRequests : public ScanRequests {
- public:
-  void enqueue(const std::string& path, uint32_t kind) override {
-    MutexLock hold(mutex);
-    requests.emplace_back(path, kind);
-  }
-  std::vector<std::pair<std::string, uint32_t>> taken() {
-    MutexLock hold(mutex);
-    return std::exchange(requests, {});
-  }
-  Mutex mutex;
-  std::vector<std::pair<std::string, uint32_t>> requests GUARDED_BY(mutex);
 };
 
 // The partitions' mounts are <sandbox>/uuidmount/<name>; the metadata files,

@@ -29,7 +29,7 @@ class StorageModelTest : public StorageTest {
   }
 };
 
-TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsAndTakesOneReferencePerDisk) {
+TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferencePerDiskAndAnswersForThem) {
   const std::string a = mount("aaaa"), b = mount("bbbb"), c = mount("cccc");
   record("Storage.Disk.1.CapacityInMBytes=1000\n" + partitionLines(1, 1, "@ROOT@/aaaa/") +
              partitionLines(1, 2, "@ROOT@/bbbb") +
@@ -45,6 +45,17 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsAndTakesOneRefer
   EXPECT_THAT(upper_.calls, ElementsAre("add " + a, "add " + b, "add " + c));
   EXPECT_EQ(refcount("Storage.Disk.1"), 1);
   EXPECT_TRUE(model_->deadline().has_value());
+  EXPECT_FALSE(model_->managedPartitionPath());
+  {
+    MutexLock hold(model_->storage_lock);
+    model_->disks.front().partitions.back().managed = 1;
+  }
+  EXPECT_EQ(model_->managedPartitionPath(), a);
+  // A change event goes out through the partition the path lies on, if any.
+  model_->sendChangeEvent(a + "/Media/film.mkv");
+  model_->sendChangeEvent(b);
+  model_->sendChangeEvent(root_ + "/elsewhere/x");
+  EXPECT_EQ(sandbox_.read("tock.events"), a.substr(1) + "\t2\t/Media/film.mkv\n" + b.substr(1) + "\t2\t\n");
 }
 
 TEST_F(StorageModelTest, FailedReadsAddNothingAndNeverHang) {
@@ -55,25 +66,6 @@ TEST_F(StorageModelTest, FailedReadsAddNothingAndNeverHang) {
   model_->stAddDisk("Storage.Disk.1");
   model_->stAddPartition("Storage.Disk.1.Partition.1");
   EXPECT_TRUE(mounts().empty());
-}
-
-TEST_F(StorageModelTest, QueriesAndChangeEventsFollowThePartitions) {
-  const std::string a = mount("aaaa"), b = mount("bbbb");
-  record("Storage.Disk.1.CapacityInMBytes=1000\n" + partitionLines(1, 1, "@ROOT@/aaaa") +
-             partitionLines(1, 2, "@ROOT@/bbbb"),
-         {"Storage.Disk.1"}, {"Storage.Disk.1.Partition.1", "Storage.Disk.1.Partition.2"});
-  EXPECT_FALSE(model_->managedPartitionPath());
-  {
-    MutexLock hold(model_->storage_lock);
-    model_->disks.front().partitions.back().managed = 1;
-  }
-  EXPECT_EQ(model_->managedPartitionPath(), a);
-  EXPECT_TRUE(model_->pathIsOnPartition(b + "/x/y"));
-  EXPECT_FALSE(model_->pathIsOnPartition(b + "b"));
-  model_->sendChangeEvent(a + "/Media/film.mkv");
-  model_->sendChangeEvent(b);
-  model_->sendChangeEvent(root_ + "/elsewhere/x");
-  EXPECT_EQ(sandbox_.read("tock.events"), a.substr(1) + "\t2\t/Media/film.mkv\n" + b.substr(1) + "\t2\t\n");
 }
 
 // The choice of the metadata storage. Disks 1, 2 and 3 have 500, 900 and 900
@@ -166,15 +158,6 @@ TEST(RuleRegistryTest, CategoriesAreTheUnionOfTheEnabledRulesStrictlyAboveAPath)
   for (const auto& [path, mask] : {std::pair{"/r/ab/Media/Films/film.mkv", 5u}, {"/r/ab/Media/Films2/x", 1u},
                                    {"/r/ab/Media/Films", 1u}, {"/r/ab/Media", 0u}, {"/r/cd/Media/x", 0u}})
     EXPECT_EQ(rules.stRuleCategories(path), mask) << path;
-  // Lookup and removal take the object path as a prefix: the first rule
-  // added answers for the parameters of every rule whose path it begins.
-  rules.stAddRule(rule("R.12", "B", 2));
-  EXPECT_EQ(rules.stFindRule("R.12.Status")->object_path, "R.1");
-  rules.stRemoveRule("R.1.Enable");
-  EXPECT_EQ(rules.stFindRule("R.12.Status")->object_path, "R.12");
-  EXPECT_FALSE(rules.stFindRule("R.5"));
-  rules.stClearRules();
-  EXPECT_FALSE(rules.stHaveRules());
 }
 
 TEST_F(StorageTest, RulesAreReadFromTheBusAndResolvedThroughSymbolicLinks) {
