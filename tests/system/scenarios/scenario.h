@@ -36,7 +36,7 @@ inline void expectStory(const Result& r, std::initializer_list<std::string> part
   std::size_t at = 0;
   for (const std::string& part : parts) {
     const std::size_t found = r.out.find(part, at);
-    ASSERT_NE(found, std::string::npos) << "no \"" << part << "\" after character " << at << " of:\n" << r.out;
+    ASSERT_TRUE(found != std::string::npos) << "no \"" << part << "\" after character " << at << " of:\n" << r.out;
     at = found + part.size();
   }
 }
