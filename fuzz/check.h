@@ -1,6 +1,4 @@
-// A property every fuzz target checks on what it parsed: when it does not
-// hold, the input is reported (libFuzzer saves it as a crash) and the run
-// stops.
+// A property that fails aborts: libFuzzer saves the input as a crash.
 #pragma once
 
 #include <stdio.h>

@@ -1,8 +1,5 @@
-// The view-condition parser, fed to SQLite as the tag store feeds it.
-// Properties: a condition that parses becomes exactly one SQL statement (the
-// whole text prepares, nothing is left over) with one bound parameter per
-// value term, and that statement selects a file exactly when the condition's
-// own matching says it should, whatever order the terms are walked in.
+// View conditions: one that parses is one SQL statement, one parameter per
+// value, selecting a file exactly when the condition matches it, in any order.
 #include <sqlite3.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -81,8 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   FUZZ_CHECK(!condition->terms().empty());
 
-  // File 1 gets each named tag once: the first value asked for (or any
-  // value), so that conditions asking two values of one tag fail.
+  // File 1 gets each tag once, with the first value asked for.
   std::vector<std::pair<std::string, std::string>> tags;
   for (const kord::Term& term : condition->terms()) {
     bool known = false;

@@ -1,6 +1,5 @@
-// The file-type map parser (the -t file). Property: every extension of every
-// record it read is found again, by the same lookup the scanner makes, in
-// upper and lower case, and the record found lists it.
+// The file-type map: every extension read is found again in either case, by
+// the scanner's lookup, in a record that lists it.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>

@@ -1,7 +1,5 @@
-// The model-file parser and the path syntax under it. Properties: every path
-// that parses formats to text that parses back to the same path (patterns,
-// object paths, parameter paths), and every object and parameter a model file
-// created is found again under its formatted path.
+// Model files and paths: a path that parses formats back to itself, and what a
+// model file created is found under its formatted path.
 #include <stddef.h>
 #include <stdint.h>
 

@@ -1,15 +1,8 @@
 #!/usr/bin/env bash
-# Runs every libFuzzer target of a fuzz build for SECONDS each (default 5),
-# starting from the seed corpus in fuzz/corpus/TARGET. New inputs go to a
-# scratch directory (or CORPUS_DIR/TARGET when CORPUS_DIR is set), never into
-# the repository. Prints each target's executions; exits 1 at the first target
-# whose property failed or that crashed (libFuzzer saves the input as
-# crash-*/leak-*/timeout-* in ARTIFACTS, default the scratch directory).
-# TIMEOUT is the seconds one input may take (default 10; raise it for long
-# runs at low priority on a busy machine, where a starved process would
-# otherwise be taken for a hang). LOG_DIR keeps libFuzzer's output.
-#
-#   fuzz/run.sh [BUILD_DIR [SECONDS [TARGET...]]]     BUILD_DIR default build/fuzz
+# fuzz/run.sh [BUILD_DIR [SECONDS [TARGET...]]]: runs each libFuzzer target
+# (default all, from build/fuzz) SECONDS (default 5) from fuzz/corpus/TARGET;
+# exits 1 at the first failure, the input saved in ARTIFACTS. New inputs go to
+# CORPUS_DIR/TARGET or scratch; LOG_DIR keeps the logs; TIMEOUT: seconds per input.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/fuzz}

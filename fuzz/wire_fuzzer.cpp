@@ -1,7 +1,5 @@
-// The bus wire decoder, as the broker and the library run it on whatever a
-// peer sends. Property: a payload that decodes is exactly what encoding the
-// decoded message gives (one canonical form, nothing ignored), and cutting
-// frames out of a stream yields the frames that were put into it.
+// The bus wire: a payload that decodes re-encodes to itself, and a stream is
+// cut into the frames put into it.
 #include <stddef.h>
 #include <stdint.h>
 

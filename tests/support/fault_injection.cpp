@@ -41,7 +41,7 @@ void resetFaults() {
   }
 }
 
-// True when this call is to fail; errno is then set.
+// True, errno set, when this call is to fail.
 bool shouldFail(Call call) {
   Fault& f = fault(call);
   f.calls.fetch_add(1);

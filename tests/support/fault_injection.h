@@ -1,29 +1,20 @@
-// Makes system calls fail in unit tests, the way they fail on a gateway.
-//
-// Test executables are linked with `-Wl,--wrap=CALL` for each call below (see
-// tests/CMakeLists.txt), so every call of it from the daemon's libraries goes
-// through __wrap_CALL here, which fails it when a fault is armed and calls the
-// real function otherwise. The shipped daemon is linked without any of this.
-//
-// To make another call fail: add it to Call, to kWrappedCalls in
-// tests/CMakeLists.txt and a __wrap_ function in fault_injection.cpp.
+// Makes system calls fail in unit tests. Test executables link with
+// `-Wl,--wrap=CALL` for each Call (kWrappedCalls in tests/CMakeLists.txt), so
+// the daemon's calls go through __wrap_CALL, which fails them when armed.
 #pragma once
 
 namespace zibd::test {
 
 enum class Call { kFork, kPipe2, kInotifyInit1, kInotifyAddWatch, kCount };
 
-// From now on, after `skip` more calls of `call` succeed, the next `times`
-// calls fail with errno `error` (times < 0: every call). Thread-safe.
+// After `skip` more calls of `call` succeed, the next `times` fail with errno
+// `error` (times < 0: every call). Thread-safe.
 void failCalls(Call call, int error, int times = 1, int skip = 0);
-
-// How many times `call` has been made (failed or not) since the last reset.
+// Calls made, failed or not, since resetFaults().
 int callCount(Call call);
-
-// Disarms every fault and zeroes the counts.
 void resetFaults();
 
-// Arms a fault for one scope.
+// Armed for one scope.
 class ScopedFault {
  public:
   ScopedFault(Call call, int error, int times = 1, int skip = 0) { failCalls(call, error, times, skip); }

@@ -22,17 +22,14 @@ Result runInGatewaySandbox(const std::string& script, std::chrono::milliseconds 
            {"FAKETIME_LIB", kFakeTimeLibrary},
            {"GATEWAY_LIB", std::string(ZIBD_SOURCE_DIR) + "/tests/support/gateway-lib.sh"},
            {"ZIBD_SANDBOX_KEEP", dirName(zibd) + ":" + dirName(rilld) + ":" + dirName(rillctl)}}};
-  // The tag store's client, for scenarios that read tags (absent from a
-  // build without SQLite).
+  // kordctl is absent from a build without SQLite.
   try {
     const std::string kordctl = binary("kordctl");
     env.set["KORDCTL"] = kordctl;
     env.set["ZIBD_SANDBOX_KEEP"] += ":" + dirName(kordctl);
   } catch (const std::runtime_error&) {
   }
-  // libfaketime is preloaded ahead of AddressSanitizer's runtime in the
-  // sanitizer build; the two work together, but ASan refuses to start unless
-  // told not to check the order.
+  // ASan refuses to start behind the preloaded libfaketime unless told not to check.
   const char* asan = std::getenv("ASAN_OPTIONS");
   env.set["ASAN_OPTIONS"] = std::string(asan ? asan : "") + (asan && *asan ? ":" : "") + "verify_asan_link_order=0";
   env.set.merge(extra.set);

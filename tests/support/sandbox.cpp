@@ -14,14 +14,13 @@ namespace fs = std::filesystem;
 TempDir::TempDir() {
   std::string tmpl = (fs::temp_directory_path() / "zibd-test-XXXXXX").string();
   if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-  // Canonical, so that paths built from it compare equal to what the code
-  // under test resolves with realpath.
+  // Canonical, to compare equal to what the code resolves with realpath.
   path_ = fs::canonical(tmpl).string();
 }
 
 TempDir::~TempDir() {
   std::error_code ec;
-  // Tests may leave read-only directories behind; make them removable first.
+  // Read-only directories a test left behind are made removable first.
   for (auto it = fs::recursive_directory_iterator(path_, ec); !ec && it != fs::end(it);
        it.increment(ec)) {
     if (it->is_directory(ec) && !it->is_symlink(ec))

@@ -19,9 +19,8 @@ class TempDir {
   // path() + "/" + relative
   std::string operator/(const std::string& relative) const;
 
-  // Creates the directory and its parents.
   void mkdirs(const std::string& relative) const;
-  // Creates (or replaces) a file with the given content, making parents.
+  // Creates or replaces a file, making its parents.
   void write(const std::string& relative, const std::string& content = "") const;
   std::string read(const std::string& relative) const;
 
@@ -29,13 +28,12 @@ class TempDir {
   std::string path_;
 };
 
-// Fixture giving each test a TempDir.
 class SandboxTest : public ::testing::Test {
  protected:
   TempDir sandbox_;
 };
 
-// Reads a whole file; empty when it cannot be read.
+// A whole file; empty when unreadable.
 std::string readFile(const std::string& path);
 
 }  // namespace zibd::test

@@ -42,20 +42,15 @@ std::string tempFile(const char* tag) {
 Process::Process(std::vector<std::string> argv, Env env, std::string stdin_text)
     : out_path_(tempFile("out")), err_path_(tempFile("err")) {
   std::string in_path = tempFile("in");
-  {
-    int fd = ::open(in_path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    if (fd >= 0) {
-      if (::write(fd, stdin_text.data(), stdin_text.size()) < 0) {
-      }
-      ::close(fd);
+  if (int fd = ::open(in_path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC); fd >= 0) {
+    if (::write(fd, stdin_text.data(), stdin_text.size()) < 0) {
     }
+    ::close(fd);
   }
   std::vector<char*> args;
   for (auto& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
-  // Everything the child needs is prepared here: between fork and exec a
-  // child of a threaded test may not allocate, and the parent unlinks the
-  // input file right after the fork.
+  // Prepared before the fork: a child of a threaded test may not allocate.
   std::map<std::string, std::string> environment;
   for (char** e = environ; *e; ++e) {
     std::string entry(*e);
@@ -126,17 +121,12 @@ int exitCode(int st) {
 Result run(std::vector<std::string> argv, Env env, std::string stdin_text,
            std::chrono::milliseconds timeout) {
   Process p(std::move(argv), std::move(env), std::move(stdin_text));
-  Result r;
-  auto st = p.wait(timeout);
+  const auto st = p.wait(timeout);
   if (!st) {
     p.signal(SIGKILL);
     p.wait();
-  } else {
-    r.status = exitCode(*st);
   }
-  r.out = p.out();
-  r.err = p.err();
-  return r;
+  return Result{st ? exitCode(*st) : -1, p.out(), p.err()};
 }
 
 }  // namespace zibd::test

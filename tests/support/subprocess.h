@@ -1,5 +1,4 @@
-// Starts the project's programs from tests: a long-running Process (daemon,
-// broker) or a command run to completion.
+// Starts the project's programs from tests.
 #pragma once
 
 #include <sys/types.h>
@@ -19,8 +18,8 @@ struct Env {
   std::map<std::string, std::string> set;  // added to (or replacing in) the test's environment
 };
 
-// A child process whose standard output and error go to files, readable at any
-// time. The destructor kills (SIGKILL) and reaps a child still running.
+// A child whose output goes to files, readable at any time; killed and reaped
+// by the destructor.
 class Process {
  public:
   Process(std::vector<std::string> argv, Env env = {}, std::string stdin_text = "");
@@ -47,11 +46,10 @@ struct Result {
   std::string out, err;
 };
 
-// Runs a command to completion.
 Result run(std::vector<std::string> argv, Env env = {}, std::string stdin_text = "",
            std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-// Exit status of a raw wait status: WEXITSTATUS, 128 + signal, or -1.
+// WEXITSTATUS, 128 + signal, or -1.
 int exitCode(int wait_status);
 
 }  // namespace zibd::test
