@@ -16,15 +16,11 @@ namespace zibd::test {
 
 std::string binary(const std::string& name) {
   // ZIBD_PROGRAMS is "name=path|name=path|..." from the build's own targets.
-  const std::string programs = ZIBD_PROGRAMS;
-  const std::string key = name + "=";
-  for (size_t at = 0; at < programs.size();) {
-    size_t end = programs.find('|', at);
-    if (end == std::string::npos) end = programs.size();
-    if (programs.compare(at, key.size(), key) == 0) return programs.substr(at + key.size(), end - at - key.size());
-    at = end + 1;
-  }
-  throw std::runtime_error("program not built: " + name);
+  const std::string programs = std::string("|") + ZIBD_PROGRAMS + "|", key = "|" + name + "=";
+  const size_t at = programs.find(key);
+  if (at == std::string::npos) throw std::runtime_error("program not built: " + name);
+  const size_t from = at + key.size();
+  return programs.substr(from, programs.find('|', from) - from);
 }
 
 namespace {
@@ -51,13 +47,12 @@ Process::Process(std::vector<std::string> argv, Env env, std::string stdin_text)
   for (auto& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
   // Prepared before the fork: a child of a threaded test may not allocate.
-  std::map<std::string, std::string> environment;
+  std::map<std::string, std::string> environment = env.set;  // over the test's own
   for (char** e = environ; *e; ++e) {
-    std::string entry(*e);
-    size_t eq = entry.find('=');
-    if (eq != std::string::npos) environment[entry.substr(0, eq)] = entry.substr(eq + 1);
+    const std::string entry(*e);
+    if (const size_t eq = entry.find('='); eq != std::string::npos)
+      environment.emplace(entry.substr(0, eq), entry.substr(eq + 1));
   }
-  for (auto& [k, v] : env.set) environment[k] = v;
   std::vector<std::string> env_entries;
   for (auto& [k, v] : environment) env_entries.push_back(k + "=" + v);
   std::vector<char*> envp;

@@ -77,7 +77,8 @@ TEST(SampleGatewayTest, IndexesAndProfilesTheSampleDisksAndHostileNames) {
   for (const char* tag :
        {"video: .s.hash=", "media.title=Birthday Party,", "media.artist=Family,", "media.videocodec=MPEG-4 Visual,",
         "media.audiocodec=AAC,", "media.width=320,", "media.height=180,", "media.duration=1000,",
-        "media.format=MPEG-4,", "media.date=20250614153000,", "media.videocodec=AVC,", "media.title=Holiday at the Sea,",
+        "media.format=MPEG-4,", "media.date=20250614153000,", "media.videocodec=AVC,",
+        "media.title=Holiday at the Sea,",
         "media.title=Morning Light,", "media.artist=The Sample Band,", "media.album=First Light,",
         "media.duration=3056,", "media.audiocodec=MPEG Audio,", "media.audiocodec=FLAC,",
         "media.datetaken=20250704183012,", "media.width=640,", "media.format=PNG,", "media.title=Road Trip,"})
