@@ -82,11 +82,8 @@ export LC_ALL=C RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
 zibd_program=$(program "$build" zibd) rilld=$(program "$build" rilld)
 rillctl=$(program "$build" rillctl) kordctl=$(program "$build" kordctl)
 die() { echo "e2e_bench: $*" >&2; exit 1; }
-# waitUntil SECONDS COMMAND...: polls COMMAND every 0.1 s; 1 at the time-out.
-waitUntil() {
-  local end=$((SECONDS + $1)); shift
-  until "$@"; do ((SECONDS < end)) || return 1; sleep 0.1; done
-}
+# The tests' one shell wait: wait_until SECONDS COMMAND...
+. "$repo/tests/support/wait.sh"
 
 uuid=be5c-0e2e
 part=/var/uuidmount/$uuid
@@ -117,7 +114,7 @@ printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStor
   ContentSharing.UPnPAV.IndexRules.1.EnablePicture=1 >/tmp/gateway.model
 
 "$rilld" --model /tmp/gateway.model & broker=$!
-waitUntil 10 test -S "$RILL_SOCKET" || die "the broker did not start"
+wait_until 10 test -S "$RILL_SOCKET" || die "the broker did not start"
 "$zibd_program" -t /tmp/types.ini 2>/tmp/zibd.err & zibd=$!
 trap 'kill -TERM $zibd $broker 2>/dev/null || true' EXIT
 echo "== $mode: zibd $zibd_program (pid $zibd), load average $(load)"
@@ -133,7 +130,7 @@ inotifyInfo() {
 }
 watching() { inotifyInfo | grep -q "^inotify wd:[0-9a-f]* ino:$(printf '%x' "$(stat -c %i "$1")") "; }
 watches() { inotifyInfo | grep -c '^inotify wd:'; }
-waitUntil 60 watching "$films" || die "the films directory is not watched"
+wait_until 60 watching "$films" || die "the films directory is not watched"
 
 # Sorted figures in, "median p95 min max" out (nearest-rank 95th percentile).
 summary() {
