@@ -13,9 +13,8 @@
 namespace zibd {
 namespace {
 
-// A termination signal sent while the daemon is busy must not be handled then
-// (the next wait could miss it) but inside the wait, which it ends: it clears
-// the running flag and writes a zero byte to the termination pipe.
+// A termination signal is handled inside the wait, not while busy (the wait could miss it):
+// it clears the running flag and writes a zero byte to the termination pipe.
 class TerminationSignal : public ::testing::TestWithParam<int> {};
 
 TEST_P(TerminationSignal, IsHandledInsideTheWaitThatLetsItIn) {
@@ -27,7 +26,6 @@ TEST_P(TerminationSignal, IsHandledInsideTheWaitThatLetsItIn) {
   ASSERT_EQ(installTerminationHandler(), 0);
   ASSERT_EQ(::raise(GetParam()), 0);
   EXPECT_EQ(g_daemon.running.load(), 1) << "handled outside the wait";
-
   struct pollfd termination = {g_daemon.termination_pipe.read_end.get(), POLLIN, 0};
   const struct timespec limit = {10, 0};
   const int ready = ::ppoll(&termination, 1, &limit, &wait_mask);

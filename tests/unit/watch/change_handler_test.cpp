@@ -44,10 +44,7 @@ class ChangeHandlerTest : public test::KordTest {
     const std::string old = old_relative.empty() ? "" : at(old_relative);
     return handler_.fsHandleChange(at(relative).c_str(), old.empty() ? nullptr : old.c_str(), flags);
   }
-  void flushAfter(std::time_t seconds) {
-    now_ += seconds;
-    handler_.fsFlushChanges();
-  }
+  void flushAfter(std::time_t seconds) { now_ += seconds, handler_.fsFlushChanges(); }
 
   RecordingScans scans_;
   FakeStorage storage_;
@@ -87,10 +84,8 @@ TEST_F(ChangeHandlerTest, OpenFileHoldsItsDirectoryUntilSomeFileIsClosed) {
 TEST_F(ChangeHandlerTest, DeletedDirectoryLeavesTheTagStoreOnceWithItsContents) {
   for (const char* f : {"p1/Media/album/a.mp3", "p1/Media/album/sub/b.mp3", "p1/Media/keep.mp3"})
     tag(at(f), {{".s.hash", "1"}});
-  notice("p1/Media/album/a.mp3", kDeletedFile);
-  notice("p1/Media/album/sub/b.mp3", kDeletedFile);
-  notice("p1/Media/album/sub", FS_CHANGE_DELETED | FS_CHANGE_DIR);
-  notice("p1/Media/album", FS_CHANGE_DELETED | FS_CHANGE_DIR);
+  for (const char* f : {"p1/Media/album/a.mp3", "p1/Media/album/sub/b.mp3"}) notice(f, kDeletedFile);
+  for (const char* d : {"p1/Media/album/sub", "p1/Media/album"}) notice(d, FS_CHANGE_DELETED | FS_CHANGE_DIR);
   flushAfter(2);
   EXPECT_EQ(files(at("p1/Media/album")).size(), 2u);
   flushAfter(1);

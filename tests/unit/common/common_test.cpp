@@ -1,27 +1,31 @@
-// The tree walk and the path helpers.
-#include "common/walk.h"
-
+// The tree walk, the path helpers and the spawn helper.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "common/file_descriptor.h"
 #include "common/fs_error.h"
+#include "common/spawn.h"
+#include "common/walk.h"
+#include "tests/support/fault_injection.h"
 #include "tests/support/sandbox.h"
 
 namespace zibd {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 using Events = std::vector<std::string>;
 
@@ -37,9 +41,7 @@ int directoryStreams(const std::string& root) {
   return n;
 }
 
-// Records every callback of a walk as "F path", "D path" or "E path" (end),
-// paths relative to the root, and the directory streams open at each; a
-// callback on stop_at returns stop_code.
+// Each callback as "F|D|E <path relative to root>" with the streams open then; stop_at returns stop_code.
 struct Recorder {
   std::string root, stop_at;
   int stop_code = 0;
@@ -55,28 +57,24 @@ struct Recorder {
   }
   Events only(char kind) const {
     Events out;
-    for (const auto& e : events)
-      if (e[0] == kind) out.push_back(e.substr(2));
+    for (const auto& e : events) if (e[0] == kind) out.push_back(e.substr(2));
     return out;
   }
 };
-int onFile(const char* path, void* r) { return static_cast<Recorder*>(r)->record('F', path); }
-int onDir(const char* path, void* r) { return static_cast<Recorder*>(r)->record('D', path); }
-int onEnd(const char* path, void* r) { return static_cast<Recorder*>(r)->record('E', path); }
+template <char kKind>
+int on(const char* path, void* r) { return static_cast<Recorder*>(r)->record(kKind, path); }
 
 class WalkTest : public test::SandboxTest {
  protected:
   int walk(const std::string& path, bool files = true, bool dirs = true, bool recursive = true) {
     rec_.root = path;
-    rec_.events.clear();
-    rec_.streams.clear();
-    return fsWalkTree(path.c_str(), files ? onFile : nullptr, dirs ? onDir : nullptr, onEnd, &rec_, recursive);
+    rec_.events.clear(), rec_.streams.clear();
+    return fsWalkTree(path.c_str(), files ? on<'F'> : nullptr, dirs ? on<'D'> : nullptr, on<'E'>, &rec_, recursive);
   }
   Recorder rec_;
 };
 
-// A level's subdirectories are all reported while it is read, then entered
-// in the reverse order of reading; hidden entries are skipped.
+// A level's subdirectories are reported as it is read, then entered in reverse; hidden entries are skipped.
 TEST_F(WalkTest, ReportsParentsFirstEntersInReverseAndSkipsHiddenEntries) {
   for (const char* f : {"a.mp3", ".hidden.mp3", ".kord/db", "p/b.jpg", "p/.cache/deep/d.avi", "p/child/e.avi"})
     sandbox_.write(f);
@@ -91,14 +89,12 @@ TEST_F(WalkTest, ReportsParentsFirstEntersInReverseAndSkipsHiddenEntries) {
   EXPECT_EQ(rec_.only('E'), Events{"."});
 }
 
-// The root is reported before it is opened; the end callback runs with
-// nothing left open.
+// The root is reported before it is opened; the end callback runs with nothing open.
 TEST_F(WalkTest, HoldsOneCloseOnExecDirectoryStreamAtATimeHoweverDeep) {
   std::string deep;
   for (int level = 0; level < 12; ++level) {
     deep += "d" + std::to_string(level) + "/";
-    sandbox_.write(deep + "f");
-    sandbox_.write(deep + "g");
+    for (const char* f : {"f", "g"}) sandbox_.write(deep + f);
   }
   EXPECT_EQ(walk(sandbox_.path()), 0);
   std::vector<int> expected(38, 1);
@@ -108,17 +104,12 @@ TEST_F(WalkTest, HoldsOneCloseOnExecDirectoryStreamAtATimeHoweverDeep) {
 
 // Not recursive: one level, files only.
 TEST_F(WalkTest, RootsOfEveryKind) {
-  sandbox_.write("song.mp3");
-  sandbox_.write("sub/inner.mp3");
+  for (const char* f : {"song.mp3", "sub/inner.mp3"}) sandbox_.write(f);
   ASSERT_EQ(::mkfifo((sandbox_ / "fifo").c_str(), 0600), 0);
-  const struct {
-    std::string root;
-    bool files, dirs, recursive;
-    int result;
-    Events events;
-  } cases[] = {{"song.mp3", true, true, true, 0, {"F .", "E ."}}, {"song.mp3", false, true, true, 0, {"E ."}},
-               {"fifo", true, true, true, 0, {"E ."}}, {"", true, true, false, 0, {"D .", "F song.mp3", "E ."}},
-               {"missing", true, true, true, kFsErrPath, {}}, {"", false, false, true, kFsErrInvalid, {}}};
+  const struct { std::string root; bool files, dirs, recursive; int result; Events events; } cases[] = {
+      {"song.mp3", true, true, true, 0, {"F .", "E ."}}, {"song.mp3", false, true, true, 0, {"E ."}},
+      {"fifo", true, true, true, 0, {"E ."}}, {"", true, true, false, 0, {"D .", "F song.mp3", "E ."}},
+      {"missing", true, true, true, kFsErrPath, {}}, {"", false, false, true, kFsErrInvalid, {}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.root);
     const std::string root = c.root.empty() ? sandbox_.path() : sandbox_ / c.root;
@@ -128,9 +119,7 @@ TEST_F(WalkTest, RootsOfEveryKind) {
 }
 
 TEST_F(WalkTest, FollowsALinkedRootButNotLinksInside) {
-  sandbox_.write("real/a.mp3");
-  sandbox_.write("real/dir/b.mp3");
-  sandbox_.write("elsewhere/c.mp3");
+  for (const char* f : {"real/a.mp3", "real/dir/b.mp3", "elsewhere/c.mp3"}) sandbox_.write(f);
   fs::create_directory_symlink(sandbox_ / "real", sandbox_ / "root-link");
   fs::create_directory_symlink(sandbox_ / "elsewhere", sandbox_ / "real/dir-link");
   fs::create_symlink(sandbox_ / "elsewhere/c.mp3", sandbox_ / "real/file-link");
@@ -141,8 +130,8 @@ TEST_F(WalkTest, FollowsALinkedRootButNotLinksInside) {
   EXPECT_THAT(rec_.only('D'), UnorderedElementsAre(".", "dir"));
 }
 
-// A callback's non-zero result ends the walk at once and is its result; a
-// directory that vanishes ends it with kFsErrPath. The end callback still runs.
+// A callback's non-zero result ends the walk and is its result; a vanished directory gives
+// kFsErrPath. The end callback still runs.
 TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
   for (const char* f : {"one/a", "two/c", "three/d"}) sandbox_.write(f);
   EXPECT_EQ(walk(sandbox_.path()), 0);
@@ -173,7 +162,7 @@ TEST_F(WalkTest, DirectoryOf4095CharactersIsRefusedButReported) {
     ASSERT_EQ(::mkdir(refused.c_str(), 0700), 0) << refused.size();
   }
   EXPECT_EQ(walk(refused), kFsErrPath);
-  EXPECT_THAT(rec_.events, ElementsAre("D .", "E ."));
+  EXPECT_EQ(rec_.events, (Events{"D .", "E ."}));
   EXPECT_EQ(walk(sandbox_ / "a", false), kFsErrPath);
   EXPECT_EQ(rec_.only('D').back().size(), refused.size() - (sandbox_ / "a").size() - 1);
 }
@@ -193,15 +182,65 @@ TEST(PathHelpers, IsUnderAndDirName) {
       {"noslash", 7, kFsErrInvalid, nullptr}, {nullptr, 7, kFsErrInvalid, nullptr},
       {"/a/b", 0, kFsErrInvalid, nullptr}};
   for (const auto& c : dir_names) {
-    char dest[16];
-    std::memset(dest, 'z', sizeof dest);
-    EXPECT_EQ(fsDirName(c.path, dest, c.size), c.result) << (c.path ? c.path : "null");
-    if (c.parent) {
-      EXPECT_STREQ(dest, c.parent);
-      EXPECT_EQ(dest[std::strlen(c.parent) + 1], 'z') << "written beyond the terminator";
-    }
+    std::string dest(16, 'z');  // nothing may be written beyond the terminator
+    EXPECT_EQ(fsDirName(c.path, dest.data(), c.size), c.result) << (c.path ? c.path : "null");
+    if (c.parent) { EXPECT_EQ(dest.substr(0, std::strlen(c.parent) + 2), std::string(c.parent) + '\0' + 'z'); }
   }
   EXPECT_EQ(fsDirName("/a/b", nullptr, 7), kFsErrInvalid);
+}
+
+using SpawnTest = test::SandboxTest;
+
+int lowestFreeDescriptor() { return FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)).get(); }
+
+int reap(pid_t pid) {  // exit status, or 128 + signal
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Inheritable descriptors (one just above the report pipe, one far above), a blocked SIGTERM and
+// an ignored SIGPIPE stay in the daemon. No shell in between: it would clear the mask itself.
+TEST_F(SpawnTest, ChildStartsWithTheStandardDescriptorsAndDefaultSignals) {
+  const int low = lowestFreeDescriptor() + 2;
+  FileDescriptor near(::dup2(STDIN_FILENO, low)), far(::dup2(STDIN_FILENO, 57));
+  ASSERT_TRUE(near.get() == low && far.get() == 57);
+  sigset_t blocked, previous;
+  ASSERT_TRUE(sigemptyset(&blocked) == 0 && sigaddset(&blocked, SIGTERM) == 0);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &previous), 0);
+  const auto old_pipe = ::signal(SIGPIPE, SIG_IGN);
+  ASSERT_NE(old_pipe, SIG_ERR);
+  const SpawnResult r = spawnProcess({"sleep", "60"});
+  ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  ::signal(SIGPIPE, old_pipe);
+  ASSERT_GT(r.pid, 0);
+  const std::string proc = "/proc/" + std::to_string(r.pid);
+  std::set<std::string> fds;
+  for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) fds.insert(entry.path().filename());
+  const std::string status = test::readFile(proc + "/status");
+  ::kill(r.pid, SIGKILL);
+  EXPECT_EQ(reap(r.pid), 128 + SIGKILL);
+  EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2"}));
+  EXPECT_NE(status.find("SigBlk:\t0000000000000000\n"), std::string::npos) << status;
+  const std::size_t ign = status.find("SigIgn:\t");
+  ASSERT_NE(ign, std::string::npos) << status;
+  EXPECT_EQ(std::stoull(status.substr(ign + 8, 16), nullptr, 16) & (1ULL << (SIGPIPE - 1)), 0U) << status;
+}
+
+// A failed exec is reported, its child exits 1. A failed fork or pipe makes no child and leaks nothing.
+TEST_F(SpawnTest, FailuresAreReportedAndLeakNothing) {
+  const SpawnResult failed_exec = spawnProcess({sandbox_ / "no-such-profiler", "arg"});
+  ASSERT_GT(failed_exec.pid, 0);
+  EXPECT_EQ(failed_exec.exec_error, ENOENT);
+  EXPECT_EQ(reap(failed_exec.pid), 1);
+  for (const auto& [call, error] : {std::pair{test::Call::kFork, EAGAIN}, std::pair{test::Call::kPipe2, EMFILE}}) {
+    const int before = lowestFreeDescriptor();
+    test::ScopedFault fault(call, error);
+    const SpawnResult r = spawnProcess({"/bin/true"});
+    EXPECT_EQ(r.pid, -1);
+    EXPECT_EQ(r.error, error);
+    EXPECT_EQ(lowestFreeDescriptor(), before);
+  }
 }
 
 }  // namespace
