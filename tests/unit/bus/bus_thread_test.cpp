@@ -1,5 +1,4 @@
-// The bus thread's step() against a broker in the test's process, and the control pipe: what
-// the system scenarios cannot show cheaply, refusals, lost connections, odd values, edges.
+// The bus thread's step() against an in-process broker, and the control pipe: refusals, lost connections, odd values.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/ioctl.h>
@@ -73,13 +72,12 @@ class BusThreadTest : public StorageTest {
     ASSERT_EQ(thread_->state(), BusThread::State::kLooping);
     ASSERT_EQ(thread_->attempts(), 1);
   }
-  // The bytes the thread wrote to the start-up pipe.
-  std::string syncBytes() {
+  std::string syncBytes() {  // what the thread wrote to the start-up pipe
     char bytes[8];
     const ssize_t n = ::read(sync_.read_end.get(), bytes, sizeof bytes);
     return n > 0 ? std::string(bytes, n) : "";
   }
-  // Changes a value on the bus and lets the thread handle the notification.
+  // Changes a value on the bus; the thread handles the notification.
   void change(const std::string& object, const std::string& param, const std::string& value) {
     ASSERT_TRUE(set(object, param, value));
     ASSERT_TRUE(thread_->step());
@@ -125,33 +123,7 @@ TEST_F(BusThreadTest, OnePublicationPerDrainAndAStopGivesEverythingBack) {
   EXPECT_EQ(model_->connection(), nullptr);
 }
 
-TEST_F(BusThreadTest, SettledStorageIsChosenInTheSamePassAndOnlyUnscannedPartitionsQueued) {
-  connectThread(std::chrono::seconds(0));
-  pipe_.reportPartitionScanned(stick_);
-  pipe_.reportPartitionScanned(root_ + "/unknown");
-  ASSERT_TRUE(thread_->step());
-  EXPECT_EQ(model_->storageStatus(), kStorageOk);
-  EXPECT_EQ(sandbox_.read("location"), big_);
-  EXPECT_THAT(scans_.taken(), ElementsAre(Pair(root_, kScanStorageRoot), Pair(big_, kScanRuleDirectory)));
-  EXPECT_FALSE(model_->deadline());
-}
-
-TEST_F(BusThreadTest, ForceRescanActsOnlyOnOneWithStorageAndIsAlwaysReset) {
-  connectThread();
-  change("VFS.MetaDataService", "ForceRescan", "1");  // no storage yet: nothing queued, but reset
-  EXPECT_THAT(scans_.taken(), IsEmpty());
-  ASSERT_TRUE(model_->stChooseMetadataStorage());
-  change("VFS.MetaDataService", "ForceRescan", "2");
-  EXPECT_THAT(scans_.taken(), IsEmpty());
-  change("VFS.MetaDataService", "ForceRescan", "1");
-  EXPECT_THAT(scans_.taken(), ElementsAre(Pair(root_, kScanStorageRoot), Pair(_, kScanForcedRescan),
-                                          Pair(_, kScanForcedRescan)));
-  EXPECT_THAT(history("VFS.MetaDataService", "ForceRescan"), ElementsAre("1", "0", "2", "1", "0"));
-  change("Storage.Disk.2", "DoUnMount", "2");  // only 1 asks for the unmount
-  EXPECT_EQ(refcount("Storage.Disk.2"), 1);
-}
-
-TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumber) {
+TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumberAndForceRescanIsAlwaysReset) {
   connectThread();
   const std::string rule = "ContentSharing.UPnPAV.IndexRules.1";
   const struct {
@@ -174,6 +146,30 @@ TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumber) {
   EXPECT_EQ(model_->managedPartitionPath(), stick_);
   change("Storage.Disk.2.Partition.1", "Manageddisk", "0");
   EXPECT_FALSE(model_->managedPartitionPath());
+  // ForceRescan acts only on 1, only with a storage, and is always reset.
+  scans_.taken();  // the rule changes' own scans
+  change("VFS.MetaDataService", "ForceRescan", "1");  // no storage yet: nothing queued, but reset
+  EXPECT_THAT(scans_.taken(), IsEmpty());
+  ASSERT_TRUE(model_->stChooseMetadataStorage());
+  change("VFS.MetaDataService", "ForceRescan", "2");
+  EXPECT_THAT(scans_.taken(), IsEmpty());
+  change("VFS.MetaDataService", "ForceRescan", "1");
+  EXPECT_THAT(scans_.taken(), ElementsAre(Pair(root_, kScanStorageRoot), Pair(_, kScanForcedRescan),
+                                          Pair(_, kScanForcedRescan)));
+  EXPECT_THAT(history("VFS.MetaDataService", "ForceRescan"), ElementsAre("1", "0", "2", "1", "0"));
+  change("Storage.Disk.2", "DoUnMount", "2");  // only 1 asks for the unmount
+  EXPECT_EQ(refcount("Storage.Disk.2"), 1);
+}
+
+TEST_F(BusThreadTest, SettledStorageIsChosenInTheSamePassAndOnlyUnscannedPartitionsQueued) {
+  connectThread(std::chrono::seconds(0));
+  pipe_.reportPartitionScanned(stick_);
+  pipe_.reportPartitionScanned(root_ + "/unknown");
+  ASSERT_TRUE(thread_->step());
+  EXPECT_EQ(model_->storageStatus(), kStorageOk);
+  EXPECT_EQ(sandbox_.read("location"), big_);
+  EXPECT_THAT(scans_.taken(), ElementsAre(Pair(root_, kScanStorageRoot), Pair(big_, kScanRuleDirectory)));
+  EXPECT_FALSE(model_->deadline());
 }
 
 // The thread gives up after five attempts, silently when it never connected.
@@ -191,9 +187,7 @@ TEST_F(BusThreadTest, ConnectionsThatCannotBeMadeOrSubscriptionsRefusedAreTriedF
   EXPECT_EQ(syncBytes(), "0");
 }
 
-// After the bus thread has gone, reports go nowhere: not into a descriptor
-// that took the pipe's number, and without SIGPIPE; a pipe that could not be
-// made takes none either.
+// Once closed or never made, the pipe takes no report: none reaches a reused descriptor, no SIGPIPE.
 TEST(ControlPipeTest, ReportsAfterCloseOrAFailedOpenGoNowhere) {
   TempDir dir;
   ControlPipe pipe;
@@ -214,18 +208,13 @@ TEST(ControlPipeTest, ReportsAfterCloseOrAFailedOpenGoNowhere) {
   EXPECT_EQ(unmade.stop(), -1);
 }
 
-// A sender blocked on a full pipe when the bus thread leaves: the close
-// waits for it and the sender returns.
+// A sender blocked on a full pipe when the bus thread leaves returns once the pipe is closed.
 TEST(ControlPipeTest, CloseWhileASenderIsBlockedOnAFullPipe) {
-  struct Shared {
-    ControlPipe pipe;
-    std::atomic<bool> returned{false};
-  };
+  struct Shared { ControlPipe pipe; std::atomic<bool> returned{false}; };
   auto* shared = new Shared;  // left to a sender that never returns
   ASSERT_EQ(shared->pipe.open(), 0);
   std::thread sender([shared] {
-    while (shared->pipe.reportProfiling(1) == 8) {
-    }
+    while (shared->pipe.reportProfiling(1) == 8) continue;
     shared->returned = true;
   });
   const int capacity = ::fcntl(shared->pipe.readFd(), F_GETPIPE_SZ);

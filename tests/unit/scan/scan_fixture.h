@@ -1,5 +1,4 @@
-// Thread-safe fakes of the layers the scanner calls up to, and a sandboxed tag
-// store with a file-type map and index rules over partition p1.
+// Thread-safe fakes of the scanner's upper layers; a sandboxed tag store, type map and rules over p1.
 #pragma once
 
 #include <sys/stat.h>
@@ -37,12 +36,9 @@ struct FakeReports : ScanReports {
   int add(const std::string& report) {
     std::lock_guard lock(mutex);
     all.push_back(report);
-    return 8;
+    return 8;  // the bytes a real report writes
   }
-  std::vector<std::string> reports() const {
-    std::lock_guard lock(mutex);
-    return all;
-  }
+  std::vector<std::string> reports() const { std::lock_guard lock(mutex); return all; }
   mutable std::mutex mutex;
   std::vector<std::string> all;
 };

@@ -54,7 +54,7 @@ class ScannerTest : public test::ScanTest {
     EXPECT_TRUE(test::waitFor([&] { return reports_.reports().size() == reports + 1; }));
     return take;
   }
-  // Its result; a take that does not return is a failure, and woken.
+  // Its result; a take that does not return fails and is woken.
   std::optional<ScanRequest> result(std::future<std::optional<ScanRequest>>& take) {
     if (take.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
       ADD_FAILURE() << "the take did not return";
@@ -70,8 +70,7 @@ class ScannerTest : public test::ScanTest {
   std::string view(int batch, int run) const {
     return "zibprof." + std::to_string(::getpid()) + ".STDVIDEO." + std::to_string(batch) + "." + std::to_string(run);
   }
-  // Runs one request through step() on another thread; a step that does not
-  // end in time is a failure, and the scanner is stopped.
+  // Runs one request through step() on another thread; a step that hangs fails and is stopped.
   void scan(const std::string& path, uint32_t kind) {
     queue_.enqueue(path, kind);
     ASSERT_EQ(queue_.size(), 1U);
@@ -110,7 +109,7 @@ TEST_F(ScannerTest, QueueTakesChangedDirectoriesFirstAndAForcedRescanReplacesThe
   EXPECT_EQ(queue_.size(), 0U);
 }
 
-TEST_F(ScannerTest, QueueResolvesPathsAndDropsTheRest) {
+TEST_F(ScannerTest, QueueResolvesPathsDropsTheRestAndReportsBusyAndIdle) {
   storage_.ready = false;  // no storage chosen: nothing queued
   enqueue({{"p1", kScanChangedDirectory}, {"p2", kScanRuleDirectory}});
   EXPECT_EQ(queue_.size(), 0U);
@@ -125,9 +124,7 @@ TEST_F(ScannerTest, QueueResolvesPathsAndDropsTheRest) {
   std::optional<ScanRequest> top = queue_.take();
   ASSERT_TRUE(top);
   EXPECT_EQ(top->path, "");  // the root loses its '/' like every other path
-}
-
-TEST_F(ScannerTest, QueueIsBusyOnceIdleWhenATakeFindsItEmptyAndAWaitingTakeEndsOnAWake) {
+  // Busy once, idle when a take finds it empty; a waiting take ends on a wake.
   enqueue({{"p1", kScanRuleDirectory}, {"p2", kScanChangedDirectory}});
   ASSERT_TRUE(queue_.take());
   ASSERT_TRUE(queue_.take());
@@ -162,9 +159,8 @@ TEST_F(ScannerTest, PendingFilesAreProfiledInBatchesOfOneHundredAndMarked) {
   EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 0);
   EXPECT_EQ(rules_.resolves, 1);
   EXPECT_FALSE(std::filesystem::exists(sandbox_ / ("views/" + view(0, 1))));
-  // Nothing new: a rescan profiles nothing. A changed-directory scan tags only
-  // the directory's own files: the touched one is profiled alone, in a view
-  // named with the next run; the new one below it is left to its own scan.
+  // A rescan finds nothing new. A changed-directory scan tags only its own files: the touched one is
+  // profiled alone, in a view named with the next run; the new one below is left to its own scan.
   scan(at("p1"), kScanForcedRescan);
   setMtime(films[3], 1800000000);
   const std::string below = media("p1/d3/sub/new.mkv");
@@ -180,8 +176,7 @@ TEST_F(ScannerTest, ProfilersThatCrashAreMissingOrCannotBeForkedNeverHoldTheScan
   rules_.rules[at("p1")] = kCategoryMovies | kCategoryPictures;
   loadMap("mkv:STDVIDEO:" + script("crash", "kill -SEGV $$\n") + ":\njpg:STDIMAGE:/nonexistent/profiler:\n");
   const std::vector<std::string> files = {media("p1/a.mkv"), media("p1/c.jpg")};
-  // The first scan opens the tag store's own descriptors; the second, after
-  // every file changed, runs the same profilers again.
+  // The first scan opens the tag store's own descriptors; the second, all files changed, reruns the profilers.
   scan(at("p1"), kScanRuleDirectory);
   for (const std::string& path : files) setMtime(path, 1600000000);
   auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };

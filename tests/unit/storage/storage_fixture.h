@@ -1,6 +1,5 @@
-// The bus broker in the test's process on a private socket, a sandbox for the
-// storage root and the tag store's files, and fakes of the layers above the
-// storage model. Shared by the storage and bus unit tests.
+// A bus broker in the test's process on a private socket, a sandboxed storage root and tag store
+// files, and fakes of the layers above the storage model; for the storage and bus unit tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,8 +31,7 @@ class FakeUpperLayers : public WatchRequests, public ScannerControl {
   std::vector<std::string> calls;
 };
 
-// The partitions' mounts are <sandbox>/uuidmount/<name>; the metadata files,
-// the change events and the broker's socket lie in the sandbox.
+// Partitions mount at <sandbox>/uuidmount/<name>; metadata files, events and the socket lie in the sandbox.
 class StorageTest : public SandboxTest {
  protected:
   void SetUp() override {
@@ -41,11 +39,9 @@ class StorageTest : public SandboxTest {
     sandbox_.mkdirs("uuidmount");
     config_ = {.root = root_, .kord_ini = sandbox_ / "kord.ini", .location = sandbox_ / "location",
                .update_signal = sandbox_ / "update", .read_retry_pause = {}, .settle_delay = config_.settle_delay};
-    ::setenv("KORD_INI", config_.kord_ini.c_str(), 1);
-    ::setenv("KORD_UPDATE", config_.update_signal.c_str(), 1);
-    ::setenv("KORD_VIEWS", (sandbox_ / "views").c_str(), 1);
-    ::setenv("TOCK_EVENTS", (sandbox_ / "tock.events").c_str(), 1);
-    ::setenv("RILL_SOCKET", (sandbox_ / "rill.sock").c_str(), 1);
+    for (const auto& [name, file] : {std::pair{"KORD_INI", "kord.ini"}, {"KORD_UPDATE", "update"}, {"KORD_VIEWS", "views"},
+                                     {"TOCK_EVENTS", "tock.events"}, {"RILL_SOCKET", "rill.sock"}})
+      ::setenv(name, (sandbox_ / file).c_str(), 1);
     remakeModel();
   }
   void TearDown() override {
@@ -75,8 +71,7 @@ class StorageTest : public SandboxTest {
     if (broker_) broker_->stop();
     if (broker_thread_.joinable()) broker_thread_.join();
   }
-  // A request of another service's tool: the broker's reply, or none when it
-  // could not be reached or said no.
+  // Another service's request: the broker's reply, or none when unreachable or it said no.
   std::optional<rill::Reply> call(rill::Op op, const std::string& path, std::optional<std::string> name = {},
                                   std::optional<std::string> value = {}) {
     rill::Client client;

@@ -31,13 +31,15 @@ class StorageModelTest : public StorageTest {
 
 TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferencePerDiskAndAnswersForThem) {
   const std::string a = mount("aaaa"), b = mount("bbbb"), c = mount("cccc");
+  mount("dddd");
   record("Storage.Disk.1.CapacityInMBytes=1000\n" + partitionLines(1, 1, "@ROOT@/aaaa/") +
              partitionLines(1, 2, "@ROOT@/bbbb") +
              "Storage.Disk.1.Partition.3.MountPoint=@ROOT@/aaaa\nStorage.Disk.1.Partition.3.Status=0\n"  // down
              "Storage.Disk.1.Partition.4.MountPoint=@ROOT@/gone\nStorage.Disk.1.Partition.4.Status=1\n"  // no mount
              // Parameter names match as substrings.
              "Storage.Disk.1.Partition.5.OldMountPoint=@ROOT@/cccc\nStorage.Disk.1.Partition.5.Status=1\n" +
-             partitionLines(9, 1, "@ROOT@/aaaa"),  // an unknown disk
+             partitionLines(9, 1, "@ROOT@/aaaa") +  // an unknown disk
+             "Storage.Disk.2.CapacityInMBytes=1000\n" + partitionLines(2, 1, "@ROOT@/dddd"),
          {"Storage.Disk.1", "Storage.Disk.7"},     // disk 7 is not on the bus
          {"Storage.Disk.1.Partition.1", "Storage.Disk.1.Partition.2", "Storage.Disk.1.Partition.3",
           "Storage.Disk.1.Partition.4", "Storage.Disk.1.Partition.5", "Storage.Disk.9.Partition.1"});
@@ -56,22 +58,15 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferenc
   model_->sendChangeEvent(b);
   model_->sendChangeEvent(root_ + "/elsewhere/x");
   EXPECT_EQ(sandbox_.read("tock.events"), a.substr(1) + "\t2\t/Media/film.mkv\n" + b.substr(1) + "\t2\t\n");
-}
-
-TEST_F(StorageModelTest, FailedReadsAddNothingAndNeverHang) {
-  mount("aaaa");
-  startBroker("Storage.Disk.1.CapacityInMBytes=1000\n" + partitionLines(1, 1, "@ROOT@/aaaa"));
-  connectModel();
+  // Reads that fail add nothing and never hang.
   stopBroker();
-  model_->stAddDisk("Storage.Disk.1");
-  model_->stAddPartition("Storage.Disk.1.Partition.1");
-  EXPECT_TRUE(mounts().empty());
+  model_->stAddDisk("Storage.Disk.2");
+  model_->stAddPartition("Storage.Disk.2.Partition.1");
+  EXPECT_THAT(mounts(), ElementsAre(c, b, a));
 }
 
-// The choice of the metadata storage. Disks 1, 2 and 3 have 500, 900 and 900
-// MB. Each case adds partition 1 of the disks it names, in its order, as
-// "DISK MOUNT FREE [ro] [db]": FREE in MB, or "=TEXT" for that text in KB;
-// ro: read-only, db: holds a tag database.
+// The metadata storage choice. Disks 1-3 have 500, 900, 900 MB. A case adds partition 1 of each disk
+// it names, in order, as "DISK MOUNT FREE [ro] [db]": FREE in MB or "=TEXT" in KB; db: holds a database.
 struct ChoiceCase {
   const char* name;
   const char* partitions;  // comma-separated
@@ -119,8 +114,7 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
     EXPECT_EQ(disk.holds_metadata, disk.partitions.front().mount_path == chosen ? 1u : 0u) << disk.index;
 }
 
-// More kilobytes than an unsigned long holds, or 4 TiB, which overflows the
-// gateway's 32 bits, are plenty on every target; text is no space at all.
+// More KB than an unsigned long holds, or 4 TiB (over 32 bits), are plenty everywhere; text is none.
 constexpr ChoiceCase kChoiceCases[] = {
     {"LargestDiskBeforeMoreSpace", "1 small 100000, 2 large 300", "", "large"},
     {"MoreSpaceOnEqualDisks", "2 less 300, 3 more 301", "", "more"},
@@ -162,11 +156,10 @@ TEST(RuleRegistryTest, CategoriesAreTheUnionOfTheEnabledRulesStrictlyAboveAPath)
 
 TEST_F(StorageTest, RulesAreReadFromTheBusAndResolvedThroughSymbolicLinks) {
   const std::string rule1 = "ContentSharing.UPnPAV.IndexRules.1", rule2 = "ContentSharing.UPnPAV.IndexRules.2";
+  // EnableMusic is no boolean: the last good conversion (true) still counts.
   startBroker(rule1 + ".Status=Up\n" + rule1 + ".UUID=link\n" + rule1 + ".PartitionName=Family disk\n" + rule1 +
-              ".DirectoryName=Media/\n" + rule1 + ".EnableMovie=1\n" +
-              // Not a boolean: the last good conversion (true) still counts.
-              rule1 + ".EnableMusic=maybe\n" + rule1 + ".EnablePicture=0\n" + rule2 + ".Status=Down\n" + rule2 +
-              ".EnableMovie=1\n");
+              ".DirectoryName=Media/\n" + rule1 + ".EnableMovie=1\n" + rule1 + ".EnableMusic=maybe\n" + rule1 +
+              ".EnablePicture=0\n" + rule2 + ".Status=Down\n" + rule2 + ".EnableMovie=1\n");
   RuleRegistry rules(root_);
   connectModel();
   ASSERT_EQ(rules.stReadRule(conn_, rule1), 0);
