@@ -1,8 +1,5 @@
-// zibd-status as a user sees it: the one-shot figures for each state of the
-// gateway, against a real broker and a tag store filled with kordctl, and the
-// live view on a pseudo-terminal.
+// zibd-status as a user sees it: one-shot figures for each gateway state, and the live view on a pseudo-terminal.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -11,7 +8,6 @@
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
-
 #include "common/file_descriptor.h"
 #include "tests/support/gateway_sandbox.h"
 #include "tests/support/sandbox.h"
@@ -19,7 +15,6 @@
 
 namespace zibd::test {
 namespace {
-
 const std::string kStatus = ZIBD_STATUS_PROGRAM;
 
 constexpr char kOnceScript[] = R"sh(
@@ -28,8 +23,7 @@ export TZ=UTC
 once() { echo "== $1"; "$STATUS" --once --events 3; echo "exit=$?"; }
 once "nothing"
 printf 'dms-metadata-db-1700000000:/var/uuidmount:/var/uuidmount/aaaa/.kord/tagdb\n' >/tmp/.kord/kord.ini
-mkdir -p /var/uuidmount/aaaa/Media
-: >"$TOCK_EVENTS"
+mkdir -p /var/uuidmount/aaaa/Media; : >"$TOCK_EVENTS"
 { gw_disk 1 bbbb; gw_disk 2 aaaa; } >/tmp/gateway.model
 gw_start_broker /tmp/gateway.model
 once "not published, no database"
@@ -37,17 +31,15 @@ once "not published, no database"
 gw_stop_broker
 { gw_model; gw_disk 1 bbbb; gw_disk 2 aaaa; } | sed -e 's/=NoSuitableDisk/=OK/' -e 's/=Ready/=Profiling/' >/tmp/gateway.model
 gw_start_broker /tmp/gateway.model
-printf '/var/uuidmount/aaaa' >/rw/zib_metadata_location
-m=/var/uuidmount/aaaa/Media
-for f in a.mkv b.mkv; do "$KORDCTL" set $m/$f .s.filetype STDVIDEO; "$KORDCTL" set $m/$f .s.tbp 1; done
-"$KORDCTL" set $m/d.mp3 .s.filetype STDAUDIO; "$KORDCTL" set $m/d.mp3 .s.tbp 1
-for f in c.mkv e.mp3 f.jpg; do "$KORDCTL" set $m/$f .s.mdt 20250101120000; done
+printf '/var/uuidmount/aaaa' >/rw/zib_metadata_location; m=/var/uuidmount/aaaa/Media
+for f in a.mkv=VIDEO b.mkv=VIDEO d.mp3=AUDIO c.mkv e.mp3 f.jpg; do case $f in
+  *=*) "$KORDCTL" set $m/${f%=*} .s.filetype STD${f#*=}; "$KORDCTL" set $m/${f%=*} .s.tbp 1;;
+  *) "$KORDCTL" set $m/$f .s.mdt 20250101120000;; esac; done
 "$KORDCTL" set /var/uuidmount/aaaa .s.invisible 1
 for i in 1 2 3 4 5 6 7; do printf 'aaaa\t2\t/Media/file %s.mkv\n' $i; done >"$TOCK_EVENTS"
 once "profiling"
 echo "history=$("$RILLCTL" history VFS.MetaDataService.ProfilingStatus | wc -l) views=$(ls -A /tmp/.kord/views | wc -l)"
-gw_stop_broker
-"$KORDCTL" del $m/a.mkv .s.tbp
+gw_stop_broker; "$KORDCTL" del $m/a.mkv .s.tbp
 once "no broker"
 : >/tmp/.kord/kord.ini
 once "metadata disk lost"
@@ -79,8 +71,7 @@ TEST(StatusOnce, ShowsEachStateOfTheGatewayAndChangesNothing) {
                    "remembered:  /var/uuidmount/aaaa\nfiles:       no database\n" + events);
 }
 
-// The live view runs as a session leader whose controlling terminal is a
-// pseudo-terminal, as under a shell: a Ctrl-C typed there is its SIGINT.
+// The live view leads a session on a pseudo-terminal, as under a shell: a Ctrl-C typed there is its SIGINT.
 class LiveView : public SandboxTest {
  protected:
   void SetUp() override {
@@ -96,41 +87,30 @@ class LiveView : public SandboxTest {
     const winsize size{30, 100, 0, 0};
     ASSERT_EQ(::ioctl(master_.get(), TIOCSWINSZ, &size), 0);
     ASSERT_EQ(::tcgetattr(slave_.get(), &before_), 0);
-    pid_ = ::fork();
-    ASSERT_GE(pid_, 0);
-    if (pid_ == 0) {  // a new session, whose first terminal opened becomes its controlling one
+    if ((pid_ = ::fork()) == 0) {  // a new session, whose first terminal opened becomes its controlling one
       ::setsid();
-      const int tty = ::open(slave.c_str(), O_RDWR);
-      for (int fd = 0; fd < 3; ++fd) ::dup2(tty, fd);
+      for (int fd = 0, tty = ::open(slave.c_str(), O_RDWR); fd < 3; ++fd) ::dup2(tty, fd);
       for (const auto& [name, value] : env_.set) ::setenv(name.c_str(), value.c_str(), 1);
       ::setenv("TERM", "xterm", 1);
       ::execl(kStatus.c_str(), kStatus.c_str(), "--interval", "0.2", static_cast<char*>(nullptr));
       ::_exit(127);
     }
-    ASSERT_TRUE(shows("profiling:   Ready")) << output_;
+    ASSERT_TRUE(pid_ > 0 && shows("profiling:   Ready")) << output_;
   }
-  void TearDown() override {
-    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
-  }
-
+  void TearDown() override { if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0); }
   void startBroker() {
     ::unlink(socket_.c_str());  // a killed broker leaves its socket file behind
     broker_ = std::make_unique<Process>(std::vector<std::string>{binary("rilld"), "--model", sandbox_ / "model"}, env_);
     ASSERT_TRUE(waitFor([&] { return ::access(socket_.c_str(), F_OK) == 0; }));
   }
   // Runs a shell command with $K (kordctl), $R (rillctl) and $M (the media directory).
-  void sh(const std::string& command) {
-    const Result r = run({"/bin/sh", "-ec", command}, env_);
-    ASSERT_EQ(r.status, 0) << r.err;
-  }
+  void sh(const std::string& command) { ASSERT_EQ(run({"/bin/sh", "-ec", command}, env_).status, 0) << command; }
   // Appends what the view drew since the last call.
   void drain() {
     char buffer[4096];
-    for (pollfd p{master_.get(), POLLIN, 0}; ::poll(&p, 1, 0) > 0 && (p.revents & POLLIN);) {
-      const ssize_t n = ::read(master_.get(), buffer, sizeof buffer);
-      if (n <= 0) break;
+    ssize_t n = 0;
+    for (pollfd p{master_.get(), POLLIN, 0}; ::poll(&p, 1, 0) > 0 && (n = ::read(p.fd, buffer, sizeof buffer)) > 0;)
       output_.append(buffer, static_cast<std::size_t>(n));
-    }
   }
   // Reads what the view draws until it shows the text after what the last call found.
   bool shows(const std::string& text) {
@@ -153,10 +133,8 @@ class LiveView : public SandboxTest {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_TRUE(shows("\x1b[?25h\x1b[?1049l")) << "cursor and screen not given back";
     termios after{};
-    ASSERT_EQ(::tcgetattr(slave_.get(), &after), 0);
-    EXPECT_EQ(after.c_lflag, before_.c_lflag);
+    EXPECT_TRUE(::tcgetattr(slave_.get(), &after) == 0 && after.c_lflag == before_.c_lflag) << "terminal modes kept";
   }
-
   const std::string socket_ = sandbox_ / "rill.sock";
   const Env env_{{{"RILL_SOCKET", socket_}, {"TOCK_EVENTS", sandbox_ / "events"},
                   {"KORD_INI", sandbox_ / "kord.ini"}, {"KORDCTL", binary("kordctl")}, {"K", binary("kordctl")},
@@ -169,8 +147,8 @@ class LiveView : public SandboxTest {
   std::size_t seen_ = 0;
 };
 
+// Four files wait, profiling starts and two are profiled: the bar follows.
 TEST_F(LiveView, FollowsTheGatewayWithAProgressBar) {
-  // Four files wait, profiling starts and two are profiled: the bar follows.
   sh("for f in a b c d; do \"$K\" set \"$M/$f.mkv\" .s.filetype STDVIDEO; \"$K\" set \"$M/$f.mkv\" .s.tbp 1; done");
   EXPECT_TRUE(shows("waiting:     4")) << output_;
   sh("\"$R\" set VFS.MetaDataService.ProfilingStatus Profiling");
@@ -185,8 +163,7 @@ TEST_F(LiveView, FollowsTheGatewayWithAProgressBar) {
 
 TEST_F(LiveView, EndsOnCtrlC) { pressUntilEnded("\x03"); }
 
-// A broker that stops answering holds the view in its bus read, where the
-// first Ctrl-C cannot reach the loop; pressed again, as a person would, it ends.
+// A stopped broker holds the view in its bus read, out of the first Ctrl-C's reach; pressed again, it ends.
 TEST_F(LiveView, CtrlCEndsItWhileTheBusDoesNotAnswer) {
   broker_->signal(SIGSTOP);
   std::size_t size = 0;
@@ -198,6 +175,5 @@ TEST_F(LiveView, CtrlCEndsItWhileTheBusDoesNotAnswer) {
   }, std::chrono::seconds(20)));
   pressUntilEnded("\x03", true);
 }
-
 }  // namespace
 }  // namespace zibd::test

@@ -1,21 +1,15 @@
-// What kord_bulk_commit promises when the committing process is killed: a
-// commit survives once its group was written (its window passed, or fini or a
-// view operation followed); the others are lost whole, never half a file's
-// tags; the database stays sound and the next writer gets the lock.
+// A killed committer: commits of a written group survive, others are lost whole; the database stays sound.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
-
 #include <cstdio>
-
 #include "common/file_descriptor.h"
 #include "tests/support/wait_for.h"
 #include "tests/unit/kord/kord_fixture.h"
 
 namespace zibd::test {
 namespace {
-
 constexpr int kIdleFiles = 100;
 constexpr int kBetweenMarks = 300;
 constexpr const char* kWriterEnv = "KORD_TEST_WRITER";  // role:report descriptor:directory
@@ -25,9 +19,8 @@ std::string tagsFor(int i) {
   return ".s.batchidx=" + std::to_string(i) + " .s.filetype=STDVIDEO .s.hash=" + std::to_string(i) + " .s.tbp=1";
 }
 
-// "idle" commits kIdleFiles files as the scanner tags new ones, changes one more
-// without a commit, reports '1' and waits. "stream" commits without end, ending its
-// group after every kBetweenMarks files (by fini, by a view operation) with an 'm'.
+// "idle": kIdleFiles commits, one change uncommitted, reports '1' and waits. "stream": commits
+// without end, ending its group every kBetweenMarks files (by fini, by a view operation) with an 'm'.
 [[noreturn]] void write(const std::string& role, int fd, const std::string& base) {
   const bool idle = role == "idle";
   kord_bulk_t* h = kord_bulk_init();
@@ -53,12 +46,10 @@ std::string tagsFor(int i) {
   for (;;) ::pause();
 }
 
-// A writer is this program started anew (under TSan a fork without exec could not
-// start the library's flusher thread): it writes before main() runs.
+// A writer is this program re-executed (TSan: no flusher thread after a bare fork); it writes before main().
 [[maybe_unused]] const bool kStartedAsWriter = [] {
   const char* spec = ::getenv(kWriterEnv);
-  char role[8] = "";
-  int fd = -1, end = 0;
+  char role[8] = ""; int fd = -1, end = 0;
   if (!spec) return false;
   if (std::sscanf(spec, "%7[a-z]:%d:%n", role, &fd, &end) != 2 || end == 0) ::_exit(2);
   write(role, fd, spec + end);
@@ -66,17 +57,13 @@ std::string tagsFor(int i) {
 
 class KordDurabilityTest : public KordTest {
  protected:
-  void TearDown() override {
-    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
-  }
+  void TearDown() override { if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0); }
   // Starts this program as a writer that reports on the pipe.
   void spawn(const char* role) {
     configure();
     ASSERT_EQ(pipe_.open(), 0);
     const std::string spec = std::string(role) + ":" + std::to_string(pipe_.write_end.get()) + ":" + base_;
-    pid_ = ::fork();
-    ASSERT_GE(pid_, 0);
-    if (pid_ == 0) {
+    if ((pid_ = ::fork()) == 0) {
       ::fcntl(pipe_.write_end.get(), F_SETFD, 0);  // kept across exec
       ::setenv(kWriterEnv, spec.c_str(), 1);
       ::execl("/proc/self/exe", "kord_test", static_cast<char*>(nullptr));
@@ -84,19 +71,13 @@ class KordDurabilityTest : public KordTest {
     }
     pipe_.write_end.reset();
   }
-  char report() {
-    char byte = 0;
-    return ::read(pipe_.read_end.get(), &byte, 1) == 1 ? byte : 'x';
-  }
-  // Kills the writer; then the database must pass PRAGMA integrity_check and
-  // a write by this process must get the dead writer's lock at once.
+  char report() { char byte = 0; return ::read(pipe_.read_end.get(), &byte, 1) == 1 ? byte : 'x'; }
+  // Kills the writer; the database must then pass integrity_check and take a write at once.
   void killAndExpectSoundAndWritable() {
     int status = 0;
-    ASSERT_TRUE(::kill(pid_, SIGKILL) == 0 && ::waitpid(pid_, &status, 0) == pid_);
-    pid_ = -1;
+    ASSERT_TRUE(pid_ > 0 && ::kill(pid_, SIGKILL) == 0 && ::waitpid(std::exchange(pid_, -1), &status, 0) > 0);
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-    sqlite3* db = nullptr;
-    std::string verdict;
+    sqlite3* db = nullptr; std::string verdict;
     ASSERT_EQ(::sqlite3_open_v2(database().c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
     ::sqlite3_exec(db, "PRAGMA integrity_check", [](void* out, int, char** row, char**) {
       *static_cast<std::string*>(out) = row[0] ? row[0] : "";
@@ -108,15 +89,13 @@ class KordDurabilityTest : public KordTest {
     tag(base_ + "/after.mkv", {{".s.tbp", "1"}});
     EXPECT_EQ(tagsOf(base_ + "/after.mkv"), ".s.tbp=1");
   }
-
   const std::string base_ = at("p1/Media");
   Pipe pipe_;
   pid_t pid_ = -1;
   std::size_t known_ = 0;  // files known right after the kill
 };
 
-// A group left alone is written once its window has passed, without a further
-// call; the change made after the last commit is not.
+// A group left alone is written once its window has passed; the change after the last commit is not.
 TEST_F(KordDurabilityTest, AnIdleGroupIsWrittenWithoutTheChangesAfterItsLastCommit) {
   spawn("idle");
   ASSERT_EQ(report(), '1') << "the child could not tag";
@@ -136,6 +115,5 @@ TEST_F(KordDurabilityTest, AKillMidStreamLosesWholeFilesAfterTheLastWrittenGroup
   for (std::size_t i = 0; i < known_; ++i)
     ASSERT_EQ(tagsOf(fileAt(base_, static_cast<int>(i))), tagsFor(static_cast<int>(i))) << "survivor " << i;
 }
-
 }  // namespace
 }  // namespace zibd::test

@@ -1,22 +1,17 @@
-// A sandboxed tag store: kord.ini, the update signal and the views live in
-// the test's temporary directory; the database covers <sandbox>/uuidmount.
+// A sandboxed tag store: kord.ini, update signal and views in the sandbox; the database covers <sandbox>/uuidmount.
 #pragma once
-
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
-
 #include "host/kord/kord_host.h"
 #include "platform/kord.h"
 #include "tests/support/sandbox.h"
 
 namespace zibd::test {
-
 struct HandleCloser { void operator()(kord_bulk_t* h) const { kord_bulk_fini(h); } };
 using Handle = std::unique_ptr<kord_bulk_t, HandleCloser>;
 
@@ -37,7 +32,6 @@ class KordTest : public SandboxTest {
     sandbox_.write("kord.ini", "dms-metadata-db-" + seconds + ":" + root() + ":" + database(partition) + "\n");
   }
   static Handle open() { return Handle(kord_bulk_init()); }
-
   // Sets tags on one file through a fresh handle and commits.
   static void tag(const std::string& path, const std::map<std::string, std::string>& tags) {
     Handle h = open();
@@ -82,5 +76,4 @@ inline std::vector<std::string> linkTargets(const std::string& dir) {
   std::sort(targets.begin(), targets.end());
   return targets;
 }
-
 }  // namespace zibd::test
