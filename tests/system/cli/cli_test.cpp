@@ -15,17 +15,11 @@
 namespace zibd {
 namespace {
 
-using test::binary;
-using test::Process;
-using test::readFile;
-using test::run;
+using test::binary, test::Process, test::readFile, test::run;
 
 std::string usage(const std::string& program) {
-  return "\n\nUsage: " + program +
-         " -t <file-type-INI-file> [-n <nice>] [-d] [-h]\n"
-         "Options are as follows:\n"
-         "  -t <path>   path of the INI file mapping file extensions to type/category\n"
-         "  -d          run as a daemon\n"
+  return "\n\nUsage: " + program + " -t <file-type-INI-file> [-n <nice>] [-d] [-h]\nOptions are as follows:\n"
+         "  -t <path>   path of the INI file mapping file extensions to type/category\n  -d          run as a daemon\n"
          "  -n <nice>   run at non-default nice value (priority)\n"
          "  -w <delay>  wait for <delay> seconds before initiating cold scan actions\n"
          "  -h          print this help text and exit\n\n";
@@ -61,10 +55,8 @@ class CliTest : public test::SandboxTest {
     sandbox_.mkdirs("directory.ini");
   }
   void TearDown() override {
-    if (daemon_pid_ > 0 && ::waitpid(daemon_pid_, nullptr, WNOHANG) == 0) {
-      ::kill(daemon_pid_, SIGKILL);
+    if (daemon_pid_ > 0 && ::waitpid(daemon_pid_, nullptr, WNOHANG) == 0 && ::kill(daemon_pid_, SIGKILL) == 0)
       ::waitpid(daemon_pid_, nullptr, 0);
-    }
   }
   // Runs script in a shell in a private mount namespace with $0 the daemon and $1 the map.
   test::Result inNamespace(const std::string& script) {
@@ -127,7 +119,6 @@ TEST_F(CliTest, DaemonModeDetachesWritesItsPidFileAndStopsOnSigtermButNeedsThePi
   const test::Result ro = inNamespace("mount -t tmpfs -o ro none /run && exec \"$0\" -d -t \"$1\"");
   EXPECT_EQ(ro.status, 1);
   EXPECT_EQ(ro.err, "proc_lib_daemonize() failed\n");
-
   const test::Result r = inNamespace("mount -t tmpfs none /run && \"$0\" -d -t \"$1\" && cat /run/zibd.pid");
   ASSERT_EQ(r.status, 0) << r.err;
   daemon_pid_ = std::stoi(r.out);

@@ -8,16 +8,11 @@
 namespace zibd::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
+using ::testing::ElementsAre, ::testing::HasSubstr, ::testing::StartsWith;
 
 class KordctlTest : public KordTest {
  protected:
-  static Result kordctl(std::vector<std::string> args) {  // with this process's environment
-    args.insert(args.begin(), KORDCTL_PATH);
-    return run(std::move(args));
-  }
+  static Result kordctl(std::vector<std::string> args) { args.insert(args.begin(), KORDCTL_PATH); return run(args); }
 };
 
 TEST_F(KordctlTest, PrintsTagsFilesQueriesAndStatsAsLinesOrNulSeparated) {
@@ -64,11 +59,7 @@ TEST_F(KordctlTest, SetAndDelChangeOneTagForEveryone) {
 
 TEST_F(KordctlTest, FailuresExitWithTheirStatusAndMessage) {
   const std::string usage = "Try 'kordctl --help'.";
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-    std::string message;
-  };
+  struct Case { std::vector<std::string> args; int status; std::string message; };
   auto check = [](const std::vector<Case>& cases) {
     for (const Case& c : cases) {
       SCOPED_TRACE(::testing::PrintToString(c.args));
@@ -109,7 +100,6 @@ TEST_F(KordctlTest, ChangesMadeByKordctlKeepViewsRight) {
   char dir[100];
   ASSERT_NE(kord_view_get_path(view, dir, sizeof dir), 0);
   ASSERT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4")));
-
   // A profiler moves b into the batch and takes a out, from its own process.
   ASSERT_EQ(kordctl({"set", at("p1/b.mp4"), ".s.batchidx", "0"}).status, 0);
   EXPECT_THAT(linkTargets(dir), ElementsAre(at("p1/a.mp4"), at("p1/b.mp4")));

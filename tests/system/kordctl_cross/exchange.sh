@@ -1,20 +1,15 @@
 #!/usr/bin/env bash
-# A tag database written by the gateway's kordctl (big-endian 32-bit MIPS,
-# run under the emulator) is read and changed by the host's kordctl, and the
-# other way round; each side then reads the other's changes back.
-#
-#   exchange.sh HOST_KORDCTL TARGET_KORDCTL [EMULATOR [ARG]...]
+# A tag database written by the gateway's kordctl (big-endian MIPS, emulated) is read
+# and changed by the host's, and the other way round; each reads the other's changes.
 set -euo pipefail
 (($# >= 2)) || { echo "usage: exchange.sh HOST_KORDCTL TARGET_KORDCTL [EMULATOR [ARG]...]" >&2; exit 2; }
 host=("$1")
 target=("${@:3}" "$2")
-
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 # Keep the library off the fixed paths; every call names its database.
 export KORD_INI=$tmp/kord.ini KORD_UPDATE=$tmp/update KORD_VIEWS=$tmp/views
 export LC_ALL=C
-
 failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 # Runs a kordctl (host or target, an array name) on database $db.
@@ -29,7 +24,6 @@ expect() {
     diff <(od -c "$expected") <(od -c "$tmp/out") | head -n 20 >&2 || true
   fi
 }
-
 root=/var/uuidmount/4f2a-91c3
 film=$root/Media/Movies/holiday.mkv
 song=$root/Media/Music/$'M\xc3\xbcller\n\xe2\x80\x94 Caf\xc3\xa9'.mp3  # a newline too
@@ -39,14 +33,12 @@ long=$(printf 'chunk-%04d:\xc3\xa4\xc3\xb6\xc3\xbc;' $(seq 400))  # spills onto 
 # Long directory names: the tables and the path index span several B-tree pages.
 deep=$root/Media/Pictures/$(printf 'directory-with-a-long-name-%03d/' $(seq 8))
 
-# exchange WRITER READER: WRITER fills a new database, READER checks and
-# changes it, WRITER checks READER's changes.
+# exchange WRITER READER: WRITER fills a new database, READER checks and changes it.
 exchange() {
   local writer=$1 reader=$2
   db=$tmp/$writer-to-$reader.db
   : >"$db"
   echo "== written by the $writer kordctl, read by the $reader kordctl"
-
   run "$writer" set "$film" .s.hash "$hash" .s.filetype STDVIDEO .s.title "$title" .s.note "$long"
   run "$writer" set "$song" .s.filetype STDAUDIO .s.tbp 1 .s.mdt 1700000000
   run "$writer" del "$song" .s.mdt
@@ -55,7 +47,6 @@ exchange() {
     pictures+=("${deep}IMG_$(printf %04d "$i").JPG")
     run "$writer" set "${pictures[-1]}" .s.filetype STDIMAGE .s.hash "$i$hash"
   done
-
   # Lists are read NUL-separated (-0): names and values may hold newlines.
   printf '%s\0' ".s.filetype=STDVIDEO" ".s.hash=$hash" ".s.note=$long" ".s.title=$title" >"$tmp/film"
   expect "$reader reads the film's tags" "$tmp/film" run "$reader" -0 tags "$film"
@@ -70,7 +61,6 @@ exchange() {
   printf '%s\n' "files 14" ".s.tbp 1" ".s.filetype=STDAUDIO 1" ".s.filetype=STDIMAGE 12" \
     ".s.filetype=STDVIDEO 1" >"$tmp/stats"
   expect "$reader counts" "$tmp/stats" run "$reader" stats
-
   # The reader changes the database; the writer sees the changes.
   run "$reader" set "$song" .s.hash "$title"
   run "$reader" del "$song" .s.tbp
@@ -84,9 +74,7 @@ exchange() {
     ".s.filetype=STDVIDEO 2" >"$tmp/stats"
   expect "$writer counts" "$tmp/stats" run "$writer" stats
 }
-
 exchange target host
 exchange host target
-
 ((failures == 0)) || { echo "exchange.sh: $failures check(s) failed" >&2; exit 1; }
 echo "exchange.sh: the databases crossed between the byte orders both ways"
