@@ -126,15 +126,9 @@ TEST_F(BusThreadTest, OnePublicationPerDrainAndAStopGivesEverythingBack) {
 TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumberAndForceRescanIsAlwaysReset) {
   connectThread();
   const std::string rule = "ContentSharing.UPnPAV.IndexRules.1";
-  const struct {
-    const char* param;
-    const char* value;
-    uint32_t categories;
-  } steps[] = {{"EnableMusic", "no", kCategoryMovies | kCategoryMusic},  // "n": true
-               {"EnableMovie", "false", kCategoryMusic},
-               {"Status", "Down", 0},
-               {"Enable", "nah", kCategoryMusic},
-               {"Enable", "f", 0}};
+  const struct { const char *param, *value; uint32_t categories; } steps[] = {
+      {"EnableMusic", "no", kCategoryMovies | kCategoryMusic},  // "n": true
+      {"EnableMovie", "false", kCategoryMusic}, {"Status", "Down", 0}, {"Enable", "nah", kCategoryMusic}, {"Enable", "f", 0}};
   for (const auto& s : steps) {
     SCOPED_TRACE(std::string(s.param) + "=" + s.value);
     change(rule, s.param, s.value);
@@ -188,7 +182,7 @@ TEST_F(BusThreadTest, ConnectionsThatCannotBeMadeOrSubscriptionsRefusedAreTriedF
 }
 
 // Once closed or never made, the pipe takes no report: none reaches a reused descriptor, no SIGPIPE.
-TEST(ControlPipeTest, ReportsAfterCloseOrAFailedOpenGoNowhere) {
+TEST(ControlPipeTest, ReportsAfterCloseOrAFailedOpenGoNowhereAndABlockedSenderReturnsOnClose) {
   TempDir dir;
   ControlPipe pipe;
   ASSERT_EQ(pipe.open(), 0);
@@ -199,17 +193,13 @@ TEST(ControlPipeTest, ReportsAfterCloseOrAFailedOpenGoNowhere) {
   EXPECT_EQ(pipe.reportProfiling(1), -1);
   EXPECT_EQ(pipe.reportPartitionScanned("/y"), -1);
   EXPECT_EQ(pipe.stop(), -1);
-  ::close(a);
-  ::close(b);
+  ::close(a), ::close(b);
   EXPECT_EQ(readFile(dir / "a") + readFile(dir / "b"), "");
-  ScopedFault fault(Call::kPipe2, EMFILE);
+  ScopedFault fault(Call::kPipe2, EMFILE);  // the next pipe only
   ControlPipe unmade;
   EXPECT_EQ(unmade.open(), -1);
   EXPECT_EQ(unmade.stop(), -1);
-}
-
-// A sender blocked on a full pipe when the bus thread leaves returns once the pipe is closed.
-TEST(ControlPipeTest, CloseWhileASenderIsBlockedOnAFullPipe) {
+  // A sender blocked on a full pipe when the bus thread leaves returns once the pipe is closed.
   struct Shared { ControlPipe pipe; std::atomic<bool> returned{false}; };
   auto* shared = new Shared;  // left to a sender that never returns
   ASSERT_EQ(shared->pipe.open(), 0);

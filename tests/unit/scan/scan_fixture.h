@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 
 #include "scan/file_type_map.h"
 #include "scan/scan_reports.h"
@@ -100,10 +101,8 @@ class ScanTest : public KordTest {
     return text;
   }
   FileTypeRecord& typeRecord(const std::string& type) {
-    for (const auto& r : types_.records())
-      if (r->type == type) return *r;
-    ADD_FAILURE() << "no type " << type;
-    return *types_.records().front();
+    for (const auto& r : types_.records()) if (r->type == type) return *r;
+    throw std::runtime_error("no type " + type);
   }
 
   FileTypeMap types_;

@@ -24,11 +24,8 @@ std::string repeat(const std::string& piece, int n) { return n > 0 ? piece + rep
 
 TEST(FileTypeMapTest, ParsesRecordsFieldsAndErrorLines) {
   const std::string bad = "mp3:STDAUDIO:prof\n", no_colon = "mp3\n";
-  const struct {
-    std::string text;
-    int result;
-    std::string records;  // newest line first, without the broken one
-  } cases[] = {
+  // The parse result, then the records newest line first, without the broken one.
+  const struct { std::string text; int result; std::string records; } cases[] = {
       {"avi,mpg,MP4:STDVIDEO:/usr/bin/prof:-v:\nmp3:STDAUDIO:/a:--in:--fast\n", 0,
        "mp3/STDAUDIO//a/[--in][--fast] ; avi,mpg,MP4/STDVIDEO//usr/bin/prof/[-v]"},
       // Trailing blanks after a final colon are no argument; inner blanks, empty arguments, commands stay.
@@ -74,14 +71,6 @@ TEST(FileTypeMapTest, FindIgnoresCaseAndAsksTheLastHitFirst) {
   EXPECT_THAT(map.find("mp4"), ::testing::IsNull());  // the last hit is forgotten too
 }
 
-// Hashes worked out by hand; bytes above 127 count negative whatever the signedness of char.
-TEST(TagHashTest, SignExtendsEveryByteOnEveryTarget) {
-  EXPECT_EQ(tagHash("\xff", ""), 5381U * 33 - 1);
-  EXPECT_EQ(tagHash("/var/uuidmount/ab12/Media/plain.mkv", "20240229235959"), 0x5993b0c7e33d296fULL);
-  EXPECT_EQ(tagHash("/var/uuidmount/ab12/Media/caf\xc3\xa9 \xc3\xa0 la plage.mkv", "20240229235959"),
-            0x80035591ec32644aULL);
-}
-
 class TaggingTest : public test::ScanTest {
  protected:
   int tag(const std::string& path, const Visibility& visibility = {}) { return tagger_.tagFile(path.c_str(), visibility); }
@@ -103,6 +92,11 @@ TEST_F(TaggingTest, NewFilesWithinTheRulesAndMapGetIdentityVisibilityAndABatchOf
     return std::string(".s.batchidx=0 .s.filetype=STDVIDEO .s.hash=") + hash + " .s.invisible=0 .s.tbp=1";
   };
   EXPECT_THAT(tagsOf(film), ::testing::AnyOf(tags(before), tags(after)));
+  // Hashes worked out by hand; bytes above 127 count negative whatever the signedness of char.
+  EXPECT_EQ(tagHash("\xff", ""), 5381U * 33 - 1);
+  EXPECT_EQ(tagHash("/var/uuidmount/ab12/Media/plain.mkv", "20240229235959"), 0x5993b0c7e33d296fULL);
+  EXPECT_EQ(tagHash("/var/uuidmount/ab12/Media/caf\xc3\xa9 \xc3\xa0 la plage.mkv", "20240229235959"),
+            0x80035591ec32644aULL);
   for (int i = 2; i <= 100; ++i) ASSERT_EQ(tag(media("p1/v/" + std::to_string(i) + ".avi")), 0);
   EXPECT_EQ(getTag(at("p1/v/99.avi"), kTagBatchIndex), "0");
   EXPECT_EQ(getTag(at("p1/v/100.avi"), kTagBatchIndex), "1");

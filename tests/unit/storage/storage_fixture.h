@@ -76,12 +76,8 @@ class StorageTest : public SandboxTest {
                                   std::optional<std::string> value = {}) {
     rill::Client client;
     if (!client.connect("test-tools", sandbox_ / "rill.sock")) return std::nullopt;
-    rill::Request request;
-    request.op = op;
-    request.path = path;
-    request.name = std::move(name);
-    request.value = std::move(value);
-    auto reply = client.call(std::move(request));
+    auto reply = client.call({.op = op, .id = 0, .path = path, .name = std::move(name), .value = std::move(value),
+                              .number = 0, .params = {}});
     return reply && reply->status == rill::Status::kOk ? reply : std::nullopt;
   }
   bool set(const std::string& object, const std::string& param, const std::string& value) {

@@ -67,12 +67,8 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferenc
 
 // The metadata storage choice. Disks 1-3 have 500, 900, 900 MB. A case adds partition 1 of each disk
 // it names, in order, as "DISK MOUNT FREE [ro] [db]": FREE in MB or "=TEXT" in KB; db: holds a database.
-struct ChoiceCase {
-  const char* name;
-  const char* partitions;  // comma-separated
-  const char* location;    // the remembered mount name, "" for none
-  const char* chosen;      // the mount name chosen, "" for none
-};
+// Partitions comma-separated; the remembered and the chosen mount names, "" for none.
+struct ChoiceCase { const char *name, *partitions, *location, *chosen; };
 
 class ChoiceTest : public StorageModelTest, public ::testing::WithParamInterface<ChoiceCase> {};
 
@@ -131,30 +127,22 @@ constexpr ChoiceCase kChoiceCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ChoiceTest, ::testing::ValuesIn(kChoiceCases),
                          [](const ::testing::TestParamInfo<ChoiceCase>& param) { return std::string(param.param.name); });
 
-IndexRule rule(const std::string& object, const char* directory, uint32_t categories, uint32_t enabled = 1) {
-  IndexRule r;
-  r.object_path = object;
-  r.uuid = "ab";
-  if (directory) r.directory_name = directory;
-  r.categories = categories;
-  r.enabled = enabled;
-  return r;
+IndexRule rule(const std::string& object, std::optional<std::string> dir, uint32_t categories, uint32_t enabled = 1) {
+  return {.enabled = enabled, .path = {}, .uuid = "ab", .partition_name = {}, .directory_name = dir,
+          .object_path = object, .categories = categories};
 }
 
-TEST(RuleRegistryTest, CategoriesAreTheUnionOfTheEnabledRulesStrictlyAboveAPath) {
-  RuleRegistry rules("/r");
-  rules.stAddRule(rule("R.1", "Media/", kCategoryMovies));
-  rules.stAddRule(rule("R.2", nullptr, kCategoryMusic));  // no directory: no path
-  rules.stAddRule(rule("R.3", "Media/Films", kCategoryPictures));
-  rules.stAddRule(rule("R.4", "Media", kCategoryMusic, 0));  // disabled
-  EXPECT_EQ(rules.stFindRule("R.1")->path, "/r/ab/Media");
-  EXPECT_FALSE(rules.stFindRule("R.2")->path);
+TEST_F(StorageTest, RulesAreReadFromTheBusResolvedThroughLinksAndCountOnlyStrictlyBelow) {
+  RuleRegistry added("/r");
+  added.stAddRule(rule("R.1", "Media/", kCategoryMovies));
+  added.stAddRule(rule("R.2", std::nullopt, kCategoryMusic));  // no directory: no path
+  added.stAddRule(rule("R.3", "Media/Films", kCategoryPictures));
+  added.stAddRule(rule("R.4", "Media", kCategoryMusic, 0));  // disabled
+  EXPECT_EQ(added.stFindRule("R.1")->path, "/r/ab/Media");
+  EXPECT_FALSE(added.stFindRule("R.2")->path);
   for (const auto& [path, mask] : {std::pair{"/r/ab/Media/Films/film.mkv", 5u}, {"/r/ab/Media/Films2/x", 1u},
                                    {"/r/ab/Media/Films", 1u}, {"/r/ab/Media", 0u}, {"/r/cd/Media/x", 0u}})
-    EXPECT_EQ(rules.stRuleCategories(path), mask) << path;
-}
-
-TEST_F(StorageTest, RulesAreReadFromTheBusAndResolvedThroughSymbolicLinks) {
+    EXPECT_EQ(added.stRuleCategories(path), mask) << path;
   const std::string rule1 = "ContentSharing.UPnPAV.IndexRules.1", rule2 = "ContentSharing.UPnPAV.IndexRules.2";
   // EnableMusic is no boolean: the last good conversion (true) still counts.
   startBroker(rule1 + ".Status=Up\n" + rule1 + ".UUID=link\n" + rule1 + ".PartitionName=Family disk\n" + rule1 +
