@@ -32,12 +32,9 @@ std::string tagsFor(int i) {
         kord_bulk_settag(h, ".s.batchidx", n.c_str()) || kord_bulk_commit(h))
       break;
     if (idle || (i + 1) % kBetweenMarks) continue;
-    if ((i + 1) / kBetweenMarks % 2) {
-      kord_bulk_fini(h);
-      h = kord_bulk_init();
-    } else if (kord_view_create("mark") != 0) {
-      break;
-    }
+    const bool by_fini = (i + 1) / kBetweenMarks % 2;
+    if (by_fini) kord_bulk_fini(h);
+    if (by_fini ? !(h = kord_bulk_init()) : kord_view_create("mark") != 0) break;
     if (::write(fd, "m", 1) != 1) break;
   }
   const bool ok = idle && i == kIdleFiles && kord_bulk_setpath(h, (base + "/uncommitted.mkv").c_str()) == 0 &&
