@@ -48,10 +48,7 @@ class BusThreadTest : public StorageTest {
     stick_ = mount("stick");
     ASSERT_EQ(sync_.open(O_NONBLOCK), 0);
   }
-  void TearDown() override {
-    thread_.reset();
-    StorageTest::TearDown();
-  }
+  void TearDown() override { thread_.reset(); StorageTest::TearDown(); }
   // A bus thread without pauses, on a new model.
   void makeThread(std::chrono::seconds settle = std::chrono::seconds(30)) {
     BusTiming timing;

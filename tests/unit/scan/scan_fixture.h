@@ -34,11 +34,7 @@ struct FakeStorage : StorageQueries {
 struct FakeReports : ScanReports {
   int reportProfiling(int busy) override { return add(busy ? "busy" : "idle"); }
   int reportPartitionScanned(const std::string& mount_path) override { return add(mount_path); }
-  int add(const std::string& report) {
-    std::lock_guard lock(mutex);
-    all.push_back(report);
-    return 8;  // the bytes a real report writes
-  }
+  int add(const std::string& report) { std::lock_guard lock(mutex); all.push_back(report); return 8; }
   std::vector<std::string> reports() const { std::lock_guard lock(mutex); return all; }
   mutable std::mutex mutex;
   std::vector<std::string> all;

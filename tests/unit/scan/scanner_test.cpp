@@ -26,16 +26,10 @@ constexpr char kLoggingProfiler[] =
 
 class ScannerTest : public test::ScanTest {
  protected:
-  void SetUp() override {
-    ScanTest::SetUp();
-    ASSERT_TRUE(scanner_.open());
-  }
+  void SetUp() override { ScanTest::SetUp(); ASSERT_TRUE(scanner_.open()); }
   void TearDown() override {
     running_ = 0;
-    if (started_) {
-      state_.stopScanner();
-      scanner_.join();
-    }
+    if (started_) { state_.stopScanner(); scanner_.join(); }
   }
   void enqueue(std::initializer_list<std::pair<const char*, uint32_t>> requests) {
     for (const auto& [path, kind] : requests) queue_.enqueue(at(path), kind);

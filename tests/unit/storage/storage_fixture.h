@@ -46,11 +46,7 @@ class StorageTest : public SandboxTest {
   }
   void TearDown() override {
     model_.reset();
-    if (conn_) {
-      rill_invoke_unregister(conn_);
-      rill_ctx_reset(conn_);
-      rill_ctx_free(conn_);
-    }
+    if (conn_) { rill_invoke_unregister(conn_); rill_ctx_reset(conn_); rill_ctx_free(conn_); }
     stopBroker();
   }
   // Starts the broker with the model; "@ROOT@" in it stands for the storage root.
