@@ -63,10 +63,7 @@ class StorageTest : public SandboxTest {
     broker_thread_ = std::thread([this] { broker_->run(); });
   }
   // The broker goes away: every connection to it ends.
-  void stopBroker() {
-    if (broker_) broker_->stop();
-    if (broker_thread_.joinable()) broker_thread_.join();
-  }
+  void stopBroker() { if (broker_) broker_->stop(); if (broker_thread_.joinable()) broker_thread_.join(); }
   // Another service's request: the broker's reply, or none when unreachable or it said no.
   std::optional<rill::Reply> call(rill::Op op, const std::string& path, std::optional<std::string> name = {},
                                   std::optional<std::string> value = {}) {
