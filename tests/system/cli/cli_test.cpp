@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <iterator>
 #include <sstream>
 
 #include "tests/support/sandbox.h"
@@ -20,29 +21,23 @@ using test::binary, test::Process, test::readFile, test::run;
 std::string usage(const std::string& program) {
   return "\n\nUsage: " + program + " -t <file-type-INI-file> [-n <nice>] [-d] [-h]\nOptions are as follows:\n"
          "  -t <path>   path of the INI file mapping file extensions to type/category\n  -d          run as a daemon\n"
-         "  -n <nice>   run at non-default nice value (priority)\n"
-         "  -w <delay>  wait for <delay> seconds before initiating cold scan actions\n"
-         "  -h          print this help text and exit\n\n";
+         "  -n <nice>   run at non-default nice value (priority)\n  -w <delay>  wait for <delay> seconds before "
+         "initiating cold scan actions\n  -h          print this help text and exit\n\n";
 }
 
 // /proc/PID/stat after the command name: [3] the session, [16] the nice value.
 std::vector<std::string> statFields(pid_t pid) {
   const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-  std::vector<std::string> fields;
   std::istringstream in(stat.substr(stat.rfind(')') + 1));
-  for (std::string f; in >> f;) fields.push_back(f);
-  return fields;
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 // True once pid catches SIGINT, SIGQUIT and SIGTERM: its handlers are set up.
 bool handlesTerminationSignals(pid_t pid) {
-  std::istringstream in(readFile("/proc/" + std::to_string(pid) + "/status"));
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind("SigCgt:", 0) != 0) continue;
-    const unsigned long long wanted = (1ull << (SIGINT - 1)) | (1ull << (SIGQUIT - 1)) | (1ull << (SIGTERM - 1));
-    return (std::stoull(line.substr(7), nullptr, 16) & wanted) == wanted;
-  }
-  return false;
+  const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+  const size_t at = status.find("\nSigCgt:");
+  const unsigned long long wanted = (1ull << (SIGINT - 1)) | (1ull << (SIGQUIT - 1)) | (1ull << (SIGTERM - 1));
+  return at != std::string::npos && (std::stoull(status.substr(at + 8), nullptr, 16) & wanted) == wanted;
 }
 
 class CliTest : public test::SandboxTest {
@@ -54,7 +49,7 @@ class CliTest : public test::SandboxTest {
     sandbox_.write("long.ini", "#" + std::string(399, '-') + "\nmp4:STDVIDEO:/p:\n");  // read in two pieces
     sandbox_.mkdirs("directory.ini");
   }
-  void TearDown() override {
+  void TearDown() override {  // a daemon left behind by a failed test
     if (daemon_pid_ > 0 && ::waitpid(daemon_pid_, nullptr, WNOHANG) == 0 && ::kill(daemon_pid_, SIGKILL) == 0)
       ::waitpid(daemon_pid_, nullptr, 0);
   }

@@ -8,7 +8,7 @@
 namespace zibd::test {
 namespace {
 
-using ::testing::ElementsAre, ::testing::HasSubstr, ::testing::StartsWith;
+using ::testing::AllOf, ::testing::ElementsAre, ::testing::FieldsAre, ::testing::HasSubstr, ::testing::StartsWith;
 
 class KordctlTest : public KordTest {
  protected:
@@ -34,9 +34,7 @@ TEST_F(KordctlTest, PrintsTagsFilesQueriesAndStatsAsLinesOrNulSeparated) {
            {{"query", "@.s.filetype@='STDIMAGE'"}, ""},
            {{"stats"}, "files 4\n.s.tbp 2\n.s.filetype=STDAUDIO 1\n.s.filetype=STDVIDEO 2\n"},
        }) {
-    Result r = kordctl(args);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, out) << ::testing::PrintToString(args);
+    EXPECT_THAT(kordctl(args), FieldsAre(0, out, "")) << ::testing::PrintToString(args);
   }
 }
 
@@ -50,9 +48,7 @@ TEST_F(KordctlTest, SetAndDelChangeOneTagForEveryone) {
            {{"set", at("p1/x.mp4"), "media.a", "1", "media.b", "two words"}, 0, note + " media.a=1 media.b=two words"},
            {{"set", at("p1/x.mp4"), "media.a", "3", "", "v"}, 2, note + " media.a=1 media.b=two words"},  // all or none
        }) {
-    Result r = kordctl(args);
-    EXPECT_EQ(r.status, status) << r.err;
-    EXPECT_EQ(r.out, "");
+    EXPECT_THAT(kordctl(args), FieldsAre(status, "", ::testing::_)) << ::testing::PrintToString(args);
     EXPECT_EQ(tagsOf(at("p1/x.mp4")), tags) << ::testing::PrintToString(args);
   }
 }
@@ -61,14 +57,9 @@ TEST_F(KordctlTest, FailuresExitWithTheirStatusAndMessage) {
   const std::string usage = "Try 'kordctl --help'.";
   struct Case { std::vector<std::string> args; int status; std::string message; };
   auto check = [](const std::vector<Case>& cases) {
-    for (const Case& c : cases) {
-      SCOPED_TRACE(::testing::PrintToString(c.args));
-      Result r = kordctl(c.args);
-      EXPECT_EQ(r.status, c.status) << r.err;
-      EXPECT_THAT(r.err, StartsWith("kordctl: "));
-      EXPECT_THAT(r.err, HasSubstr(c.message));
-      EXPECT_EQ(r.out, "");
-    }
+    for (const Case& c : cases)
+      EXPECT_THAT(kordctl(c.args), FieldsAre(c.status, "", AllOf(StartsWith("kordctl: "), HasSubstr(c.message))))
+          << ::testing::PrintToString(c.args);
   };
   check({{{"stats"}, 2, "no database configured"}, {{"set", at("p1/a.mp4"), "n", "v"}, 2, "no database configured"}});
   configure();
@@ -85,7 +76,7 @@ TEST_F(KordctlTest, FailuresExitWithTheirStatusAndMessage) {
       {{"--bogus", "stats"}, 2, usage}, {{"--db"}, 2, usage},
       {{"query", std::string(5000, '@')}, 2, "bad condition"},  // hostile input is refused, never a crash
   });
-  EXPECT_THAT(kordctl({"--help"}), ::testing::FieldsAre(0, StartsWith("usage: kordctl"), ""));
+  EXPECT_THAT(kordctl({"--help"}), FieldsAre(0, StartsWith("usage: kordctl"), ""));
   ASSERT_EQ(kordctl({"set", at("p1/a.mp4"), "n", std::string(100000, 'v')}).status, 0);
   EXPECT_EQ(tagsOf(at("p1/a.mp4")), ".s.tbp=1 n=" + std::string(100000, 'v'));
 }

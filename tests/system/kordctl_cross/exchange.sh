@@ -8,8 +8,7 @@ target=("${@:3}" "$2")
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 # Keep the library off the fixed paths; every call names its database.
-export KORD_INI=$tmp/kord.ini KORD_UPDATE=$tmp/update KORD_VIEWS=$tmp/views
-export LC_ALL=C
+export KORD_INI=$tmp/kord.ini KORD_UPDATE=$tmp/update KORD_VIEWS=$tmp/views LC_ALL=C
 failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 # Runs a kordctl (host or target, an array name) on database $db.

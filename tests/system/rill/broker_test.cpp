@@ -32,8 +32,8 @@ constexpr const char* kGatewayModel =
 
 // One item of a reply or notification; a missing field shows as "-".
 struct Flat { std::string path, name, value; int error = 0; bool operator==(const Flat&) const = default; };
-std::ostream& operator<<(std::ostream& out, const Flat& f) {
-  return out << "{" << f.path << " " << f.name << " " << f.value << " " << f.error << "}";
+std::ostream& operator<<(std::ostream& o, const Flat& f) {
+  return o << "{" << f.path << " " << f.name << " " << f.value << " " << f.error << "}";
 }
 std::string text(dynstr_t* s) { return s ? dynstr_getstring(s) : "-"; }
 std::vector<Flat> flatten(llist_t* items) {
@@ -57,17 +57,20 @@ std::set<std::string> pathsOf(const std::vector<Flat>& items) {
 }
 int findInstance(rill_conn_t* conn, const char* path, std::vector<Flat>* items) {
   int error = -1;
-  return cs_find_parameters_of_obj_instances(conn, path, 0, 2, collect, items, &error), error;
+  cs_find_parameters_of_obj_instances(conn, path, 0, 2, collect, items, &error);
+  return error;
 }
 
 // A connection that sends raw bytes, never through the library.
 class RawClient {
  public:
-  explicit RawClient(const std::string& path) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit RawClient(const std::string& path, const std::string& bytes = "")
+      : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     ::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
     connected_ = ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    send(bytes);
   }
   void send(const std::string& bytes) { ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
   bool hungUp() {
@@ -81,17 +84,19 @@ class RawClient {
   bool connected_ = false;
 };
 
-struct Event { int type; uint32_t subid; std::vector<Flat> items; };
+struct Event { int type; uint32_t subid; std::vector<Flat> items; bool operator==(const Event&) const = default; };
+std::ostream& operator<<(std::ostream& o, const Event& e) {
+  return o << e.type << " #" << e.subid << " " << testing::PrintToString(e.items);
+}
 
 class BrokerTest : public SandboxTest {
  protected:
   void SetUp() override { ::setenv("RILL_SOCKET", socket_.c_str(), 1); }  // for the library in this process
   void TearDown() override { while (!conns_.empty()) disconnect(conns_.back()); }
   Env env() const { return Env{{{"RILL_SOCKET", socket_}}}; }
-  void startBroker(std::vector<std::string> extra_args = {}) {
+  void startBroker(std::vector<std::string> argv = {}) {
     sandbox_.write("gateway.model", kGatewayModel);
-    std::vector<std::string> argv{binary("rilld"), "--model", sandbox_ / "gateway.model"};
-    argv.insert(argv.end(), extra_args.begin(), extra_args.end());
+    argv.insert(argv.begin(), {binary("rilld"), "--model", sandbox_ / "gateway.model"});
     broker_ = std::make_unique<Process>(argv, env());
     ASSERT_TRUE(waitFor([&] { return RawClient(socket_).connected_ || !broker_->running(); }));
     ASSERT_TRUE(broker_->running()) << broker_->err();
@@ -201,19 +206,16 @@ TEST_F(BrokerTest, SubscribersSeeAdditionsRemovalsAndChangingWritesUntilUnsubscr
   EXPECT_NE(ids[0], ids[1]);
   ASSERT_EQ(ctl({"add", "Storage.Disk.3.Partition.1", "MountPoint=/m", "Status=1", "Manageddisk=0"}).status, 0);
   ASSERT_TRUE(awaitEvents(watcher, 2));
-  EXPECT_EQ(events_[0].type, RILL_EVENT_OBJECT_ADDED);
-  EXPECT_EQ(events_[0].subid, ids[0]);
-  EXPECT_EQ(events_[0].items, (std::vector<Flat>{{"Storage.Disk.3", "-", "-", 0}}));
-  EXPECT_EQ(events_[1].subid, ids[1]);
-  EXPECT_EQ(events_[1].items, (std::vector<Flat>{{"Storage.Disk.3.Partition.1", "-", "-", 0}}));
+  const Flat disk{"Storage.Disk.3", "-", "-", 0}, partition{"Storage.Disk.3.Partition.1", "-", "-", 0};
+  EXPECT_EQ(events_, (std::vector<Event>{{RILL_EVENT_OBJECT_ADDED, ids[0], {disk}},
+                                         {RILL_EVENT_OBJECT_ADDED, ids[1], {partition}}}));
   ASSERT_EQ(read_back_.size(), 4u);  // the disk as an instance, its partition with every parameter
   EXPECT_EQ(read_back_[0].path, "Storage.Disk.3");
   events_.clear();  // the disk goes with its partition, innermost first
   ASSERT_EQ(ctl({"del", "Storage.Disk.3"}).status, 0);
   ASSERT_TRUE(awaitEvents(watcher, 2));
-  for (const Event& e : events_) EXPECT_EQ(e.type, RILL_EVENT_OBJECT_REMOVED);
-  EXPECT_EQ(events_[0].items, (std::vector<Flat>{{"Storage.Disk.3.Partition.1", "-", "-", 0}}));
-  EXPECT_EQ(events_[1].items, (std::vector<Flat>{{"Storage.Disk.3", "-", "-", 0}}));
+  EXPECT_EQ(events_, (std::vector<Event>{{RILL_EVENT_OBJECT_REMOVED, ids[1], {partition}},
+                                         {RILL_EVENT_OBJECT_REMOVED, ids[0], {disk}}}));
   events_.clear();  // the object subscriptions stay; no object comes or goes from here on
   ids = subscribe(watcher, {{"Storage.Disk.Partition", "Manageddisk", RILL_SUBSCRIBE_VALUE},
                             {"ContentSharing.UPnPAV.IndexRules", nullptr, RILL_SUBSCRIBE_OBJECTS_AND_VALUES},
@@ -225,14 +227,10 @@ TEST_F(BrokerTest, SubscribersSeeAdditionsRemovalsAndChangingWritesUntilUnsubscr
   ASSERT_EQ(ctl({"set", "ContentSharing.UPnPAV.IndexRules.1.Enable", "0"}).status, 0);
   ASSERT_EQ(ctl({"set", "VFS.MetaDataService.ForceRescan", "1"}).status, 0);
   ASSERT_TRUE(awaitEvents(watcher, 3));
-  ASSERT_EQ(events_.size(), 3u) << "none missing, none extra";
-  EXPECT_EQ(events_[0].type, RILL_EVENT_VALUE_CHANGED);
-  EXPECT_EQ(events_[0].subid, ids[0]);
-  EXPECT_EQ(events_[0].items, (std::vector<Flat>{{"Storage.Disk.2.Partition.1", "Manageddisk", "1", 0}}));
-  EXPECT_EQ(events_[1].subid, ids[1]);
-  EXPECT_EQ(events_[1].items, (std::vector<Flat>{{"ContentSharing.UPnPAV.IndexRules.1", "Enable", "0", 0}}));
-  EXPECT_EQ(events_[2].subid, ids[2]);
-
+  EXPECT_EQ(events_, (std::vector<Event>{  // none missing, none extra
+                         {RILL_EVENT_VALUE_CHANGED, ids[0], {{"Storage.Disk.2.Partition.1", "Manageddisk", "1", 0}}},
+                         {RILL_EVENT_VALUE_CHANGED, ids[1], {{"ContentSharing.UPnPAV.IndexRules.1", "Enable", "0", 0}}},
+                         {RILL_EVENT_VALUE_CHANGED, ids[2], {{"VFS.MetaDataService", "ForceRescan", "1", 0}}}}));
   int result = -1;
   ASSERT_EQ(cs_unsubscribe_events(watcher, ids.data(), 1, &result), 0);
   EXPECT_EQ(result, 0);
@@ -306,15 +304,11 @@ TEST_F(BrokerTest, GarbageTruncatedAndVanishingClientsHurtOnlyThemselves) {
                                    std::string("\xff\xff\xff\xff", 4) + "tail",  // oversized length
                                    std::string("\0\0\0\0", 4),                   // empty frame
                                    std::string("\0\0\0\x05\x01\x63zzz", 9)}) {   // an unknown request
-    RawClient client(socket_);
-    client.send(bytes);
-    EXPECT_TRUE(client.hungUp()) << testing::PrintToString(bytes);
+    EXPECT_TRUE(RawClient(socket_, bytes).hungUp()) << testing::PrintToString(bytes);
   }
   {
-    RawClient half(socket_);
-    half.send(std::string("\0\0\x01\0\x01\x03", 6));  // 256 bytes announced, 2 sent, then gone
-    RawClient waiter(socket_);  // gone in the middle of a request
-    waiter.send(rill::encode(rill::Request{rill::Op::kStageWait, 1, "", "", "", 1000, {}}));
+    RawClient half(socket_, std::string("\0\0\x01\0\x01\x03", 6));  // 256 bytes announced, 2 sent; both gone
+    RawClient waiter(socket_, rill::encode(rill::Request{rill::Op::kStageWait, 1, "", "", "", 1000, {}}));
   }
   std::vector<std::unique_ptr<RawClient>> idle;  // connected, silent
   for (int i = 0; i < 20; ++i) idle.push_back(std::make_unique<RawClient>(socket_));
@@ -370,9 +364,7 @@ TEST_F(BrokerTest, RillctlCommandsPrintTheirOutcomeAndExitWithItsStatus) {
   Result timed_out = ctl({"wait", "VFS.MetaDataService.ProfilingStatus", "Profiling", "0.2"});
   EXPECT_EQ(timed_out.status, 1);
   EXPECT_NE(timed_out.err, "");
-  auto waited = waiter.wait();  // its value came and went with Storage.Disk.3
-  ASSERT_TRUE(waited.has_value());
-  EXPECT_EQ(exitCode(*waited), 0) << waiter.err();
+  EXPECT_EQ(exitCode(waiter.wait().value()), 0) << waiter.err();  // its value came and went with Storage.Disk.3
 }
 
 }  // namespace

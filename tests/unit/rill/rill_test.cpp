@@ -1,6 +1,5 @@
 // The broker's building blocks: paths, the object model, the wire format, and dynstr.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <limits>
 #include <memory>
@@ -126,7 +125,8 @@ const Request kRequest{Op::kAddObject, 0x01020304, "Storage.Disk.1.Partition.2",
                        {{"MountPoint", "/var/uuidmount/ab12"}, {"Status", "1"}}};
 const Reply kReply{77, Status::kNoSuchObject, "no such object: X.1", int64_t{1} << 40,
                    {Item{"Storage.Disk.1", "CapacityInMBytes", "953869", 0}, Item{std::nullopt, std::nullopt, "v", 3}}};
-const Notification kNotification{kEventValue, 0xfffffffe, {Item{"ContentSharing.UPnPAV.IndexRules.3", "Enable", "0", 0}}};
+const Notification kNotification{kEventValue, 0xfffffffe,
+                                  {Item{"ContentSharing.UPnPAV.IndexRules.3", "Enable", "0", 0}}};
 const std::vector<Message> kSamples = {kRequest, kReply, kNotification};
 
 std::string payloadOf(const std::string& frame) { return frame.substr(kFrameHeader); }
@@ -222,19 +222,15 @@ TEST(RillDynstrTest, BooleansAndNumbersAreWholeTexts) {
   for (const char* bad : {"", "12a", " 12", "0x10", "+5", "1.5"}) cases.push_back({'l', bad, "fail(7)"});
   for (const auto& [kind, text, result] : cases) EXPECT_EQ(parse(kind, text), result) << kind << " '" << text << "'";
   int b = 0;
-  long l = 0;
-  EXPECT_NE(dynstr_getbool(nullptr, &b), 0);
-  EXPECT_NE(dynstr_getlong(nullptr, &l), 0);
+  long l = 0;  // both left failing on a NULL string
+  EXPECT_TRUE(dynstr_getbool(nullptr, &b) != 0 && dynstr_getlong(nullptr, &l) != 0);
 }
 
-TEST(RillDynstrTest, CopiesComparisonsAndNulls) {
+TEST(RillDynstrTest, ComparisonsAndNulls) {
   Str up = str("Up");
   EXPECT_EQ(dynstr_strcmp2(up.get(), "Up"), 0);
   EXPECT_LT(dynstr_strcmp2(up.get(), "Zz"), 0);
   EXPECT_LT(dynstr_strcmp2(nullptr, ""), 0) << "a NULL string sorts below every text";
-  std::unique_ptr<char, decltype(&::free)> copy(dynstr_strdup(up.get()), ::free);
-  EXPECT_STREQ(copy.get(), "Up");
-  EXPECT_EQ(dynstr_strdup(nullptr), nullptr);
   EXPECT_EQ(dynstr_getstring(nullptr), nullptr);
   EXPECT_EQ(dynstr_fromstring(rill_dynstr_poolid(), nullptr), nullptr);
   EXPECT_EQ(llist_getlength(nullptr), 0);
