@@ -107,7 +107,7 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
   EXPECT_THAT(history("VFS.MetaDataService", "MetaDataStorageStatus"), ElementsAre("OK"));
   MutexLock hold(model_->storage_lock);
   for (const Disk& disk : model_->disks)
-    EXPECT_EQ(disk.holds_metadata, disk.partitions.front().mount_path == chosen ? 1u : 0u) << disk.index;
+    EXPECT_EQ(disk.holds_metadata, !disk.partitions.empty() && disk.partitions.front().mount_path == chosen ? 1u : 0u) << disk.index;
 }
 
 // More KB than an unsigned long holds, or 4 TiB (over 32 bits), are plenty everywhere; text is none.
