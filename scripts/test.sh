@@ -79,13 +79,14 @@ for v in "${variants[@]}"; do
     *)
       echo "=== $v: build"
       if scripts/build.sh "$v"; then
+        echo "=== $v: built in $((SECONDS - start)) s"
         startTests "$v"
       else
         status=1
       fi ;;
   esac
   ((status == 0)) || failed+=("$v")
-  echo "=== $v: done in $((SECONDS - start)) s${bg_pid:+ (its tests go on beside the next step)}"
+  echo "=== $v: done in $((SECONDS - start)) s${bg_pid:+ (the $bg_variant tests go on beside the next step)}"
 done
 finishTests
 echo "=== all: $((SECONDS - started)) s"
