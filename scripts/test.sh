@@ -38,7 +38,10 @@ runTests() {
   # through the emulated daemon.
   [ "$v" = mips ] && labels=(-L 'unit|cross')
   [ "$v" = tsan ] && run=("${norandom[@]}")
-  "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$test_jobs" "${labels[@]}"
+  local start=$SECONDS status=0
+  "${run[@]}" ctest --test-dir "build/$v" --output-on-failure -j"$test_jobs" "${labels[@]}" || status=$?
+  echo "=== $v: tests took $((SECONDS - start)) s"
+  return "$status"
 }
 
 # One background test run at a time: its variant, start time and log.
@@ -49,7 +52,7 @@ finishTests() {
   wait "$bg_pid" || status=$?
   echo "=== $bg_variant: test"
   cat "build/$bg_variant/test-run.log"
-  echo "=== $bg_variant: test done in $((SECONDS - bg_start)) s (ran beside the later builds)"
+  echo "=== $bg_variant: test results collected $((SECONDS - bg_start)) s after they started (beside the later builds)"
   ((status == 0)) || failed+=("$bg_variant")
   bg_pid="" bg_variant=""
 }
