@@ -53,11 +53,11 @@ gw_rule() {
 # wrote them first, /tmp/types.ini sends mp3 files to /tmp/profile, a
 # gw_profiler logging to /tmp/profiler.log.
 gw_gateway() {
-  local n=0 spec uuid capacity free
+  local n=0 disk uuid capacity free
   {
     gw_model
-    for spec; do
-      IFS=: read -r uuid capacity free <<<"$spec"
+    for disk; do
+      IFS=: read -r uuid capacity free <<<"$disk"
       n=$((n + 1))
       gw_disk $n "$uuid" "${capacity:-1000}" "${free:-1048576}"
       gw_rule $n "$uuid" Media 1 1 1

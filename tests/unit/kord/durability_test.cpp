@@ -45,11 +45,11 @@ std::string tagsFor(int i) {
 
 // A writer is this program re-executed (TSan: no flusher thread after a bare fork); it writes before main().
 [[maybe_unused]] const bool kStartedAsWriter = [] {
-  const char* spec = ::getenv(kWriterEnv);
+  const char* request = ::getenv(kWriterEnv);
   char role[8] = ""; int fd = -1, end = 0;
-  if (!spec) return false;
-  if (std::sscanf(spec, "%7[a-z]:%d:%n", role, &fd, &end) != 2 || end == 0) ::_exit(2);
-  write(role, fd, spec + end);
+  if (!request) return false;
+  if (std::sscanf(request, "%7[a-z]:%d:%n", role, &fd, &end) != 2 || end == 0) ::_exit(2);
+  write(role, fd, request + end);
 }();
 
 class KordDurabilityTest : public KordTest {
@@ -59,10 +59,10 @@ class KordDurabilityTest : public KordTest {
   void spawn(const char* role) {
     configure();
     ASSERT_EQ(pipe_.open(), 0);
-    const std::string spec = std::string(role) + ":" + std::to_string(pipe_.write_end.get()) + ":" + base_;
+    const std::string request = std::string(role) + ":" + std::to_string(pipe_.write_end.get()) + ":" + base_;
     if ((pid_ = ::fork()) == 0) {
       ::fcntl(pipe_.write_end.get(), F_SETFD, 0);  // kept across exec
-      ::setenv(kWriterEnv, spec.c_str(), 1);
+      ::setenv(kWriterEnv, request.c_str(), 1);
       ::execl("/proc/self/exe", "kord_test", static_cast<char*>(nullptr));
       write(role, pipe_.write_end.get(), base_);  // no exec under qemu-mips without binfmt_misc
     }
