@@ -18,7 +18,7 @@ void ScanQueue::enqueue(const std::string& path, uint32_t kind) {
     // answer; it only takes the storage lock, which the caller does not hold.
     (void)storage_.pathIsOnPartition(path);
   }
-  if (kind > kScanStorageRoot) return;
+  if (kind > kScanNewTree) return;
 
   char resolved[PATH_MAX];
   if (!::realpath(path.c_str(), resolved)) return;
@@ -33,6 +33,7 @@ void ScanQueue::enqueue(const std::string& path, uint32_t kind) {
       ordinary_.push_back(std::move(request));
       break;
     case kScanChangedDirectory:
+    case kScanNewTree:
       priority_.push_back(std::move(request));
       break;
     case kScanForcedRescan: {

@@ -5,6 +5,7 @@
 //   kind 2  the same (a forced rescan)
 //   kind 3  clean the database below the path: drop the files that are gone
 //           or no longer wanted, then signal the tag store's update file
+//   kind 4  scan and profile the tree of a directory that appeared
 //
 // step() is one pass (one take, one request carried out, back to idle); run()
 // is the thread body. Tests call step() directly.
@@ -61,6 +62,8 @@ class ScannerThread {
 
  private:
   void cleanup(const std::string& path);
+  // Closes the handle when the storage model asked for it (ScannerState).
+  void releaseTagStoreIfAsked();
 
   ScanQueue& queue_;
   ScannerState& state_;

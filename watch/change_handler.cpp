@@ -1,5 +1,8 @@
 #include "watch/change_handler.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +11,7 @@
 #include "common/fs_error.h"
 #include "common/walk.h"
 #include "platform/kord.h"
+#include "scan/kord_bulk.h"
 
 namespace zibd {
 
@@ -32,18 +36,22 @@ bool movedAcrossMedia(const std::string& partition, const char* old_path, const 
   return out_of_media || into_media_or_away;
 }
 
-struct BulkCloser {
-  void operator()(kord_bulk_t* handle) const noexcept { kord_bulk_fini(handle); }
-};
-
 // Marks the moved tree invisible in one bulk operation; a tag store that
 // cannot be opened skips it.
 void tagInvisible(const char* path) {
-  std::unique_ptr<kord_bulk_t, BulkCloser> bulk(kord_bulk_init());
+  KordBulk bulk(kord_bulk_init());
   if (!bulk) return;
   (void)kord_bulk_setpath(bulk.get(), path);
   (void)kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "1");
   (void)kord_bulk_commit(bulk.get());
+}
+
+int vanished(const char* path) { return ::access(path, F_OK) != 0 ? 1 : 0; }
+
+// Drops from the tag store the files below path that no longer exist.
+void dropVanishedBelow(const std::string& path) {
+  int never_stop = 0;
+  (void)kord_cleanup_attached(path.c_str(), &never_stop, &vanished);
 }
 
 }  // namespace
@@ -73,17 +81,22 @@ int ChangeHandler::fsHandleChange(const char* path, const char* old_path, std::u
   const bool created_file = has(flags, FS_CHANGE_CREATED | FS_CHANGE_FILE);
   const bool written_file = has(flags, FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
   const std::time_t now = now_();
-  for (PendingChange& change : changes_) {
-    if (change.directory != parent.data()) continue;
-    change.time = now;
-    if (!change.waiting_for_close && created_file)
-      change.waiting_for_close = true;
-    else if (change.waiting_for_close && written_file)
-      change.waiting_for_close = false;
-    return kFsOk;
-  }
-  changes_.push_back({parent.data(), now, created_file});
+  PendingChange& change = markChanged(parent.data(), now);
+  if (!change.waiting_for_close && created_file)
+    change.waiting_for_close = true;
+  else if (change.waiting_for_close && written_file)
+    change.waiting_for_close = false;
+  if (has(flags, FS_CHANGE_CREATED | FS_CHANGE_DIR)) markChanged(path, now).whole_tree = true;
   return kFsOk;
+}
+
+ChangeHandler::PendingChange& ChangeHandler::markChanged(const std::string& directory, std::time_t now) {
+  for (PendingChange& change : changes_) {
+    if (change.directory != directory) continue;
+    change.time = now;
+    return change;
+  }
+  return changes_.emplace_back(PendingChange{directory, now, false});
 }
 
 int ChangeHandler::handleMove(const char* path, const char* old_path, const char* new_parent,
@@ -97,12 +110,18 @@ int ChangeHandler::handleMove(const char* path, const char* old_path, const char
     storage_.sendChangeEvent(new_parent);
     storage_.sendChangeEvent(old_parent.data());
   }
+  const std::size_t old_len = std::char_traits<char>::length(old_path);
   if (has(flags, FS_CHANGE_DIR)) {
-    const std::size_t old_len = std::char_traits<char>::length(old_path);
     for (PendingChange& change : changes_)
       if (fsPathIsUnder(old_path, change.directory.c_str()))
         change.directory = std::string(path) + change.directory.substr(old_len);
   }
+  // The move put something new at path: a delete still pending there (or
+  // below it) would drop what just arrived. Deletes pending below the old
+  // path follow the files the move carried.
+  deletes_.remove_if([&](const PendingDelete& d) { return fsPathIsUnder(path, d.path.c_str()); });
+  for (PendingDelete& d : deletes_)
+    if (fsPathIsUnder(old_path, d.path.c_str())) d.path = std::string(path) + d.path.substr(old_len);
   if (partition && movedAcrossMedia(*partition, old_path, path)) tagInvisible(path);
   return result;
 }
@@ -123,14 +142,25 @@ void ChangeHandler::fsFlushChanges() {
       kept.push_back(std::move(change));
       continue;
     }
-    scans_.enqueue(change.directory, kScanChangedDirectory);
+    scans_.enqueue(change.directory, change.whole_tree ? kScanNewTree : kScanChangedDirectory);
     storage_.sendChangeEvent(change.directory);
   }
   changes_ = std::move(kept);
+  flushDeletes(now);
+}
 
+void ChangeHandler::flushDeletes(std::time_t now) {
   for (auto it = deletes_.begin(); it != deletes_.end();) {
     if (!settled(it->time, now)) {
       ++it;
+      continue;
+    }
+    struct stat st {};
+    if (::lstat(it->path.c_str(), &st) == 0) {
+      // Made again (or moved back) while the delete waited: it is not gone,
+      // but a directory made again holds only what is in it now.
+      if (S_ISDIR(st.st_mode)) dropVanishedBelow(it->path);
+      it = deletes_.erase(it);
       continue;
     }
     FsPathBuffer parent;

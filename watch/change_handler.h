@@ -1,7 +1,11 @@
 // What the event loop does with the changes it sees: created and written
 // paths mark their directory, which goes to the scanner and the media server
-// once it has been quiet for 3 seconds; deleted paths leave the tag database
-// 3 seconds later; moves are applied to the tag database at once.
+// once it has been quiet for 3 seconds; a directory that appeared is also
+// marked itself, to be scanned with everything below it, because files and
+// directories may have been made in it before its watches existed. Deleted
+// paths leave the tag database 3 seconds later unless the path exists again by
+// then; moves are applied to the tag database at once and carry the pending
+// changes and deletes below their old path with them.
 //
 // Main thread only: the pending lists take no lock. The calls out take their
 // own (the storage model's, the scan queue's).
@@ -64,6 +68,7 @@ class ChangeHandler final : public ChangeNotices {
     std::string directory;
     std::time_t time;
     bool waiting_for_close;
+    bool whole_tree = false;  // a directory that appeared: scanned with its subtree
   };
   const std::vector<PendingChange>& pendingChanges() const { return changes_; }
   std::vector<std::string> pendingDeletes() const;
@@ -74,6 +79,8 @@ class ChangeHandler final : public ChangeNotices {
     std::time_t time;
   };
   int handleMove(const char* path, const char* old_path, const char* new_parent, std::uint32_t flags);
+  PendingChange& markChanged(const std::string& directory, std::time_t now);
+  void flushDeletes(std::time_t now);
   bool settled(std::time_t since, std::time_t now) const;
 
   ScanRequests& scans_;

@@ -128,7 +128,9 @@ void WatchEventLoop::handleEvent(int wd, std::uint32_t mask, std::uint32_t cooki
   if (renamed_away) notify(renamed_away->path, nullptr, renamed_away->flags);
   if (notice) notify(notice->path, notice->old_path ? notice->old_path->c_str() : nullptr, notice->flags);
   if (remove_watch) (void)table_.fsRemoveWatch(path.c_str());
-  if (add_watch) (void)table_.fsAddWatchTree(path.c_str(), false);
+  // With its subtree: a directory copied or moved in may hold directories
+  // made before this watch existed.
+  if (add_watch) (void)table_.fsAddWatchTree(path.c_str(), true);
 }
 
 void WatchEventLoop::expireMoves() {

@@ -111,9 +111,9 @@ TEST_F(ScannerTest, QueueResolvesPathsDropsTheRestAndReportsBusyAndIdle) {
   storage_.ready = true;
   ASSERT_EQ(::symlink(at("p2").c_str(), at("link").c_str()), 0);
   enqueue({{"link/", kScanRuleDirectory}, {"p2/../p1//", kScanRuleDirectory}, {"missing", kScanRuleDirectory},
-           {"p1", 4}});
+           {"p1", kScanNewTree}, {"p2", 5}});
   queue_.enqueue(std::string(5000, 'x'), kScanRuleDirectory);
-  EXPECT_THAT(drain(), ElementsAre("1:p2", "1:p1"));
+  EXPECT_THAT(drain(), ElementsAre("4:p1", "1:p2", "1:p1"));
   queue_.enqueue("/", kScanStorageRoot);
   std::optional<ScanRequest> top = queue_.take();
   ASSERT_TRUE(top);
@@ -162,6 +162,9 @@ TEST_F(ScannerTest, PendingFilesAreProfiledInBatchesOfOneHundredAndMarked) {
   EXPECT_EQ(logOf("vprof"), first_runs + "-a|b c|" + view(0, 3) + "|1\n");
   EXPECT_EQ(getTag(films[3], kTagModified), timeText(1800000000));
   EXPECT_EQ(tagsOf(below), "unknown");
+  // A directory that appeared is scanned with its subtree.
+  scan(at("p1/d3"), kScanNewTree);
+  EXPECT_NE(getTag(below, kTagModified), "absent");
   // Only the rule and rescan requests report a scanned partition.
   EXPECT_THAT(reports_.reports(), ElementsAre("busy", at("p1"), at("p1")));
 }

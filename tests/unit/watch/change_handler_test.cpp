@@ -72,10 +72,11 @@ TEST_F(ChangeHandlerTest, OpenFileHoldsItsDirectoryUntilSomeFileIsClosed) {
   notice("p1/other/open.mp3", kCreatedFile);
   notice("p1/Media/new", FS_CHANGE_CREATED | FS_CHANGE_DIR);  // needs only its quiet seconds
   flushAfter(60);
-  EXPECT_EQ(scans_.requests, (Requests{{at("p1/Media"), kScanChangedDirectory}}));
+  // The new directory itself goes too, to be scanned with its subtree.
+  EXPECT_EQ(scans_.requests, (Requests{{at("p1/Media"), kScanChangedDirectory}, {at("p1/Media/new"), kScanNewTree}}));
   notice("p1/other/open.mp3", kDeletedFile);
   flushAfter(60);
-  EXPECT_EQ(scans_.requests.size(), 1u);
+  EXPECT_EQ(scans_.requests.size(), 2u);
   notice("p1/other/other.mp3", kWrittenFile);
   flushAfter(3);
   EXPECT_EQ(scans_.requests.back(), std::make_pair(at("p1/other"), uint32_t{kScanChangedDirectory}));
@@ -91,6 +92,25 @@ TEST_F(ChangeHandlerTest, DeletedDirectoryLeavesTheTagStoreOnceWithItsContents) 
   flushAfter(1);
   EXPECT_EQ(files(at("p1")), Paths{at("p1/Media/keep.mp3")});
   EXPECT_EQ(storage_.events, Paths{at("p1/Media")});
+}
+
+// What a delete waits for may come back: moved onto the same name, made again, or moved elsewhere with its directory.
+TEST_F(ChangeHandlerTest, PendingDeletesGiveWayToWhatTakesTheirPlaceAndFollowMoves) {
+  for (const char* f : {"p1/x/f.mp3", "p1/y/f.mp3", "p1/x/g.mp3", "p1/x/D/h.mp3", "p1/x/sub/a.mp3", "p1/x/sub/b.mp3"})
+    tag(at(f), {{".s.hash", f}});
+  notice("p1/x/f.mp3", kDeletedFile);
+  notice("p1/x/f.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE, "p1/y/f.mp3");
+  notice("p1/x/g.mp3", kDeletedFile);
+  sandbox_.write("uuidmount/p1/x/g.mp3");
+  notice("p1/x/D/h.mp3", kDeletedFile);
+  notice("p1/x/E", FS_CHANGE_MOVED | FS_CHANGE_DIR, "p1/x/D");
+  notice("p1/x/sub/a.mp3", kDeletedFile);
+  notice("p1/x/sub", FS_CHANGE_DELETED | FS_CHANGE_DIR);
+  sandbox_.write("uuidmount/p1/x/sub/b.mp3");
+  flushAfter(3);
+  EXPECT_EQ(handler_.pendingDeletes(), Paths{});
+  EXPECT_EQ(getTag(at("p1/x/f.mp3"), ".s.hash"), "p1/y/f.mp3");
+  EXPECT_EQ(files(at("p1")), (Paths{at("p1/x/f.mp3"), at("p1/x/g.mp3"), at("p1/x/sub/b.mp3")}));
 }
 
 // Refused: a relative path, a move without its source. Dropped: what is pending when the storage goes.

@@ -164,7 +164,7 @@ class EventLoopTest : public WatchTest {
  protected:
   void SetUp() override {
     WatchTest::SetUp();
-    mkdirs({"w/x", "w/y", "w/d/sub", "outside/in/deeper"});
+    mkdirs({"w/x", "w/y", "w/d/sub", "outside/in/deeper", "outside/in/.hidden"});
     ASSERT_EQ(table_.fsAddWatchTree(at("w").c_str(), true), kFsOk);
   }
   void rename(const char* from, const char* to) { ASSERT_EQ(::rename(at(from).c_str(), at(to).c_str()), 0) << from; }
@@ -226,11 +226,12 @@ TEST_F(EventLoopTest, DirectoriesAndFilesLeavingAndComingFollowTheTable) {
   EXPECT_EQ(sorted(std::exchange(notices_.notices, {})), (Paths{"deleted dir d", "deleted file x/a.mp3"}));
   EXPECT_EQ(wd("w/d/sub"), -1);
   EXPECT_EQ(loop_.pendingMoves(), 0u);
-  // Moved in from outside: a watch of its own, none below it.
+  // Moved in from outside: watched with its subtree, hidden directories aside.
   rename("outside/in", "w/in");
   EXPECT_EQ(taken(), Paths{"created dir in"});
   EXPECT_GT(wd("w/in"), 0);
-  EXPECT_EQ(wd("w/in/deeper"), -1);
+  EXPECT_GT(wd("w/in/deeper"), 0);
+  EXPECT_EQ(wd("w/in/.hidden"), -1);
   // Created: watched at once, so that its files are seen. Deleted: unwatched.
   sandbox_.mkdirs("w/new");
   ASSERT_TRUE(pumpUntil([&] { return wd("w/new") > 0; }));
