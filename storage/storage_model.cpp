@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <limits>
 #include <new>
@@ -21,6 +22,15 @@ constexpr char kDiskPrefix[] = "Storage.Disk.";
 constexpr int kBusAttempts = 3;
 // ".Partition." between the disk number and the partition number.
 constexpr size_t kPartitionInfixLength = 11;
+
+// A control character in a mount path would split the tag store's
+// one-line configuration and the remembered location.
+bool holdsControlCharacter(const std::string& path) {
+  return std::any_of(path.begin(), path.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7f;
+  });
+}
 
 std::optional<std::string> canonical(const char* path) {
   if (!path) return std::nullopt;
@@ -183,14 +193,17 @@ void StorageModel::stAddPartition(const std::string& object_path) {
     std::this_thread::sleep_for(config_.read_retry_pause);
   }
   // A partition whose mount point does not resolve cannot be watched or
-  // chosen: it is not recorded.
-  if (error != 0 || !params.status || !params.mount_path) return;
+  // chosen, nor one whose path holds a control character: it is not recorded.
+  if (error != 0 || !params.status || !params.mount_path || holdsControlCharacter(*params.mount_path)) return;
   MutexLock hold(storage_lock);
   int32_t disk_index = -1;
   const int32_t partition_index = stPartitionIndex(object_path.c_str(), &disk_index);
   if (disk_index == -1 || partition_index == -1) return;
   Disk* disk = stFindDisk(disk_index);
-  if (!disk) return;
+  // A second mount point that resolves to a recorded one (a symbolic link to
+  // it) is the same tree: recording it twice would let its removal take the
+  // other's watches with it.
+  if (!disk || findByMountPath(*params.mount_path)) return;
   Partition& partition = disk->partitions.emplace_front();
   partition.index = partition_index;
   partition.mount_path = *params.mount_path;
@@ -259,14 +272,16 @@ void StorageModel::stReleaseAllDisks() {
   }
 }
 
-void StorageModel::stMarkScanned(const std::string& mount_path) {
-  MutexLock hold(storage_lock);
+Partition* StorageModel::findByMountPath(const std::string& mount_path) {
   for (Disk& disk : disks)
     for (Partition& partition : disk.partitions)
-      if (partition.mount_path == mount_path) {
-        partition.scanned = 1;
-        return;
-      }
+      if (partition.mount_path == mount_path) return &partition;
+  return nullptr;
+}
+
+void StorageModel::stMarkScanned(const std::string& mount_path) {
+  MutexLock hold(storage_lock);
+  if (Partition* partition = findByMountPath(mount_path)) partition->scanned = 1;
 }
 
 std::vector<std::string> StorageModel::takeRemovedPartitions() {

@@ -126,6 +126,8 @@ class StorageModel final : public StorageQueries {
   // Lookups; the caller holds the storage lock.
   Disk* stFindDisk(int32_t index) REQUIRES(storage_lock);
   Partition* stFindPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
+  // The first partition mounted exactly at mount_path, or null.
+  Partition* findByMountPath(const std::string& mount_path) REQUIRES(storage_lock);
 
   // List operations; bus thread.
   void stAddDisk(const std::string& object_path) EXCLUDES(storage_lock);

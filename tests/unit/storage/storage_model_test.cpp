@@ -32,6 +32,8 @@ class StorageModelTest : public StorageTest {
 TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferencePerDiskAndAnswersForThem) {
   const std::string a = mount("aaaa"), b = mount("bbbb"), c = mount("cccc");
   mount("dddd");
+  mount("tab\there");
+  ASSERT_EQ(::symlink(a.c_str(), (root_ + "/alias").c_str()), 0);
   record("Storage.Disk.1.CapacityInMBytes=1000\n" + partitionLines(1, 1, "@ROOT@/aaaa/") +
              partitionLines(1, 2, "@ROOT@/bbbb") +
              "Storage.Disk.1.Partition.3.MountPoint=@ROOT@/aaaa\nStorage.Disk.1.Partition.3.Status=0\n"  // down
@@ -39,10 +41,12 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferenc
              // Parameter names match as substrings.
              "Storage.Disk.1.Partition.5.OldMountPoint=@ROOT@/cccc\nStorage.Disk.1.Partition.5.Status=1\n" +
              partitionLines(9, 1, "@ROOT@/aaaa") +  // an unknown disk
+             partitionLines(1, 6, "@ROOT@/tab\there") + partitionLines(1, 7, "@ROOT@/alias") +  // refused
              "Storage.Disk.2.CapacityInMBytes=1000\n" + partitionLines(2, 1, "@ROOT@/dddd"),
          {"Storage.Disk.1", "Storage.Disk.7"},     // disk 7 is not on the bus
          {"Storage.Disk.1.Partition.1", "Storage.Disk.1.Partition.2", "Storage.Disk.1.Partition.3",
-          "Storage.Disk.1.Partition.4", "Storage.Disk.1.Partition.5", "Storage.Disk.9.Partition.1"});
+          "Storage.Disk.1.Partition.4", "Storage.Disk.1.Partition.5", "Storage.Disk.9.Partition.1",
+          "Storage.Disk.1.Partition.6", "Storage.Disk.1.Partition.7"});
   EXPECT_THAT(mounts(), ElementsAre(c, b, a));  // newest first, canonical
   EXPECT_THAT(upper_.calls, ElementsAre("add " + a, "add " + b, "add " + c));
   EXPECT_EQ(refcount("Storage.Disk.1"), 1);
