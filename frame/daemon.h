@@ -71,6 +71,9 @@ class Daemon {
     void stopAll() override {
       if (scanner) scanner->stopAll();
     }
+    void releaseTagStore() override {
+      if (scanner) scanner->releaseTagStore();
+    }
     void enqueue(const std::string& path, uint32_t kind) override {
       if (scans) scans->enqueue(path, kind);
     }

@@ -41,6 +41,11 @@ void ScannerState::stopBelow(const std::string& path) {
 
 void ScannerState::stopAll() { stopBelow(""); }
 
+void ScannerState::releaseTagStore() {
+  release_tag_store_.store(true);
+  queue_.wake();
+}
+
 void ScannerState::waitIdle() {
   MutexLock lock(mutex_);
   // Held across the wait by design: the scanner's reset takes this lock to

@@ -46,6 +46,9 @@ class ScannerState final : public ScannerControl {
   // stopBelow for the whole storage: the metadata storage is gone.
   void stopAll() override EXCLUDES(mutex_);
 
+  // Asks the scanner thread to close its tag-store handle and wakes it.
+  void releaseTagStore() override;
+
   // Blocks while a stop is pending (abort or cleanup stop set) and the
   // scanner thread has not gone back to idle or ended.
   void waitIdle() EXCLUDES(mutex_);
@@ -76,6 +79,10 @@ class ScannerState final : public ScannerControl {
   // The cleanup-stop flag as the tag store's cleanup polls it (atomic loads).
   int* cleanupStopFlag() { return &cleanup_stop_; }
 
+  // Scanner thread: whether its handle is to be closed (the request is
+  // taken with the answer).
+  bool takeTagStoreRelease() { return release_tag_store_.exchange(false); }
+
   // For tests: true while a scan or a cleanup is in progress.
   bool busy() const EXCLUDES(mutex_);
 
@@ -88,6 +95,7 @@ class ScannerState final : public ScannerControl {
   CondVar idle_;
   // Written under mutex_; the scanner reads it without.
   std::atomic<int> abort_{0};
+  std::atomic<bool> release_tag_store_{false};
   // Written under mutex_ with atomic stores; the tag store's cleanup loads it
   // atomically through the plain int* its C interface takes.
   alignas(std::atomic_ref<int>::required_alignment) int cleanup_stop_ = 0;

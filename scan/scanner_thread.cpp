@@ -29,7 +29,12 @@ bool ScannerThread::open() {
 }
 
 void ScannerThread::step() {
+  // Asked before the take, for a release that came while a request ran, and
+  // after it, for one that woke the take.
+  releaseTagStoreIfAsked();
   std::optional<ScanRequest> request = queue_.take();
+  releaseTagStoreIfAsked();
+  if (request && !bulk_ && !open()) request.reset();  // no tag store now: the request is dropped
   if (request) {
     // Rule directories may be symbolic links that changed since the last
     // request.
@@ -37,6 +42,9 @@ void ScannerThread::step() {
     switch (request->kind) {
       case kScanChangedDirectory:
         profiler_.run(request->path, false);
+        break;
+      case kScanNewTree:
+        profiler_.run(request->path, true);
         break;
       case kScanRuleDirectory:
       case kScanForcedRescan:
@@ -51,6 +59,10 @@ void ScannerThread::step() {
     }
   }
   state_.reset();
+}
+
+void ScannerThread::releaseTagStoreIfAsked() {
+  if (state_.takeTagStoreRelease()) bulk_.reset();
 }
 
 void ScannerThread::cleanup(const std::string& path) {

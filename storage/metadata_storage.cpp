@@ -97,15 +97,7 @@ bool StorageModel::stChooseMetadataStorage() {
   }
   MutexLock hold(storage_lock);
   if (have_remembered) {
-    Partition* found = nullptr;
-    for (Disk& disk : disks) {
-      for (Partition& partition : disk.partitions)
-        if (partition.mount_path == remembered) {
-          found = &partition;
-          break;
-        }
-      if (found) break;
-    }
+    Partition* found = findByMountPath(remembered);
     if (selectIfSuitable(found, true)) return true;
   }
   // 2. The first partition that already holds a database.
@@ -138,6 +130,7 @@ void StorageModel::loseMetadata() {
   }
   (void)::truncate(config_.kord_ini.c_str(), 0);
   signalTagStore();
+  scanner_.releaseTagStore();
   stSetStorageStatus(kNoSuitableDisk);
   stArmDeadline();
 }

@@ -20,6 +20,12 @@ class ScannerControl {
   // whole storage, when the metadata storage is lost. Returns once the
   // scanner is idle.
   virtual void stopAll() = 0;
+
+  // The tag store's configuration has been emptied: the scanner closes its
+  // handle on the database soon (on its own thread), so that nothing of this
+  // process keeps the lost disk busy; it opens a new one for its next request.
+  // Does not wait.
+  virtual void releaseTagStore() = 0;
 };
 
 }  // namespace zibd

@@ -1,8 +1,11 @@
 // The tag file system on SQLite, for development hosts (platform/kord.h).
 //
 // Each bulk handle owns its own SQLite connection, opened on the first setpath
-// once a database is configured and reopened when the configuration names
-// another one. The calls without a handle share one connection under a mutex.
+// once a database is configured, reopened when the configuration names
+// another one and closed when it names none. The calls without a handle share
+// one connection under a mutex, closed by any call (kord_bulk_fini included)
+// that finds the configuration emptied: a lost disk is let go as soon as the
+// process touches the tag store once more.
 // Every entry point catches everything: results are codes, and the reason for
 // the last failure is kept per thread (kord_host.h: lastError()).
 //
@@ -257,12 +260,22 @@ class Library {
     groups_.flushAllBut(nullptr);
     std::lock_guard lock(shared_mutex_);
     std::shared_ptr<const Location> location = configuration_.current();
-    if (!location->configured) fail(Status::kNoDatabase, location->problem);
+    if (!location->configured) {
+      shared_.reset();  // the disk it was on may be about to go
+      fail(Status::kNoDatabase, location->problem);
+    }
     if (!shared_ || shared_->location().generation != location->generation) {
       shared_.reset();
       shared_ = std::make_unique<Store>(std::move(location));
     }
     return fn(*shared_);
+  }
+
+  // Closes the shared connection when the configuration names no database
+  // any more, so that the disk the database was on can be unmounted.
+  void closeSharedIfUnconfigured() {
+    std::lock_guard lock(shared_mutex_);
+    if (shared_ && !configuration_.current()->configured) shared_.reset();
   }
 
  private:
@@ -373,6 +386,20 @@ std::string_view canonicalPath(const char* path) {
   return path;
 }
 
+// Closes a handle's connection: grouped commits go to the database they were
+// made for; changes not committed yet go with the connection. The caller
+// holds state.mutex.
+void closeStore(HandleState& state) {
+  if (!state.store) return;
+  try {
+    state.store->flushGroup(false);
+  } catch (const Failure&) {
+    // lost with the old database, like changes not committed
+  }
+  library().groups().closed(&state);
+  state.store.reset();
+}
+
 // A call on a handle: the other handles' groups are ended first, then the
 // handle is locked for the call. A call that writes counts as a waiting
 // writer (Groups::Waiting) while it runs.
@@ -472,22 +499,16 @@ extern "C" int kord_bulk_setpath(kord_bulk_t* handle, const char* path) {
     state.path.clear();  // a failed selection selects nothing
     std::string_view canonical = zibd::kord::canonicalPath(path);
     auto location = library().configuration().current();
-    if (!location->configured) fail(Status::kNoDatabase, location->problem);
+    if (!location->configured) {
+      // The connection goes with the database it was on.
+      zibd::kord::closeStore(state);
+      fail(Status::kNoDatabase, location->problem);
+    }
     if (!zibd::kord::isBelow(canonical, location->root))
       fail(Status::kBadArgument,
            std::string(canonical) + " is not below the database root " + location->root);
     if (!state.store || state.store->location().generation != location->generation) {
-      // Grouped commits go to the database they were made for; changes not
-      // committed yet go with its connection.
-      if (state.store) {
-        try {
-          state.store->flushGroup(false);
-        } catch (const zibd::kord::Failure&) {
-          // lost with the old database, like changes not committed
-        }
-        library().groups().closed(&state);
-      }
-      state.store.reset();
+      zibd::kord::closeStore(state);
       state.store = std::make_unique<Store>(std::move(location));
     }
     state.path.assign(canonical);  // reuses the handle's buffer
@@ -595,6 +616,11 @@ extern "C" void kord_bulk_fini(kord_bulk_t* handle) {
   }
   library().groups().closed(&state);
   delete handle;
+  try {
+    library().closeSharedIfUnconfigured();
+  } catch (...) {
+    zibd::kord::recordException();
+  }
 }
 
 extern "C" int kord_move(const char* old_path, const char* new_path) {

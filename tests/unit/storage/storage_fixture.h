@@ -28,6 +28,7 @@ class FakeUpperLayers : public WatchRequests, public ScannerControl {
   void fsQueueRemoveWatch(const std::string& path) override { calls.push_back("remove " + path); }
   void stopBelow(const std::string&) override {}
   void stopAll() override {}
+  void releaseTagStore() override {}
   std::vector<std::string> calls;
 };
 
