@@ -75,6 +75,10 @@ int Tagger::tagFile(const char* path, const Visibility& visibility) {
   const uint32_t mask = rules_.stRuleCategories(path);
   if (mask == 0 || !typeEnabled(*record, mask)) return 0;
 
+  // A file moved or deleted while its directory is walked is not tagged under
+  // the name it had: the move has already been applied to the tag store.
+  struct stat st {};
+  if (::stat(path, &st) != 0) return 0;
   kord_bulk_t* bulk = bulk_.get();
   if (!bulk || kord_bulk_setpath(bulk, path) != 0) return 0;
   char stored[kStoredTimeSize];
@@ -88,8 +92,6 @@ int Tagger::tagFile(const char* path, const Visibility& visibility) {
     (void)kord_bulk_settag(bulk, kTagHash, hash);
     (void)kord_bulk_settag(bulk, kTagInvisible, visibility.invisible(path) ? "1" : "0");
   } else {
-    struct stat st {};
-    if (::stat(path, &st) != 0) return 0;
     char modified[kStoredTimeSize];
     formatTagTime(st.st_mtime, modified, sizeof modified);
     if (std::strcmp(modified, stored) == 0) return 0;  // profiled as it is

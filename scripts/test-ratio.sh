@@ -23,4 +23,4 @@ else
 fi
 tests=$(grep -E '^(tests|fuzz)/' <<<"$files" | lines)
 code=$(grep -vE '^(tests|fuzz)/' <<<"$files" | lines)
-awk -v t="$tests" -v c="$code" 'BEGIN { printf "tests %d lines, code %d lines, ratio %.2f\n", t, c, t / c }'
+awk -v t="$tests" -v c="$code" 'BEGIN { printf "tests %d lines, code %d lines, ratio %.3f\n", t, c, t / c }'

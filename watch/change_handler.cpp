@@ -122,6 +122,10 @@ int ChangeHandler::handleMove(const char* path, const char* old_path, const char
   deletes_.remove_if([&](const PendingDelete& d) { return fsPathIsUnder(path, d.path.c_str()); });
   for (PendingDelete& d : deletes_)
     if (fsPathIsUnder(old_path, d.path.c_str())) d.path = std::string(path) + d.path.substr(old_len);
+  // A scan that was walking the old path when it moved may still tag files
+  // under their old names; they go when the old path has been quiet as long
+  // as any delete.
+  deletes_.push_front({old_path, now_()});
   if (partition && movedAcrossMedia(*partition, old_path, path)) tagInvisible(path);
   return result;
 }

@@ -5,7 +5,9 @@
 // directories may have been made in it before its watches existed. Deleted
 // paths leave the tag database 3 seconds later unless the path exists again by
 // then; moves are applied to the tag database at once and carry the pending
-// changes and deletes below their old path with them.
+// changes and deletes below their old path with them, and the old path itself
+// is deleted like any other path 3 seconds later (what a scan in progress
+// tagged there meanwhile).
 //
 // Main thread only: the pending lists take no lock. The calls out take their
 // own (the storage model's, the scan queue's).
