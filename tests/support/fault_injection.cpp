@@ -84,10 +84,6 @@ int __wrap_inotify_add_watch(int fd, const char* path, uint32_t mask) {
 // Weak: tests without the tag store link no kord_*.
 __attribute__((weak)) int __real_kord_bulk_commit(kord_bulk_t* handle);
 __attribute__((weak)) int __real_kord_view_create(const char* name);
-int __wrap_kord_bulk_commit(kord_bulk_t* handle) {
-  return shouldFail(Call::kKordBulkCommit) ? -1 : __real_kord_bulk_commit(handle);
-}
-int __wrap_kord_view_create(const char* name) {
-  return shouldFail(Call::kKordViewCreate) ? -1 : __real_kord_view_create(name);
-}
+int __wrap_kord_bulk_commit(kord_bulk_t* bulk) { return shouldFail(Call::kKordBulkCommit) ? -1 : __real_kord_bulk_commit(bulk); }
+int __wrap_kord_view_create(const char* name) { return shouldFail(Call::kKordViewCreate) ? -1 : __real_kord_view_create(name); }
 }
