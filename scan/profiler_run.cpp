@@ -105,10 +105,16 @@ void ProfilerRun::run(const std::string& path, bool recursive) {
   state_.setScanningPath(path);
   tag(path, recursive);
   if (stopped()) return;
-  ++run_counter_;
-  runBatches();
-  // Types whose batches had ended when files of theirs were tagged meanwhile.
-  while (!stopped() && runBatches()) ++run_counter_;
+  // Another pass, with the next run number, for the types whose batches had
+  // ended when files of theirs were tagged meanwhile.
+  auto pending = [this] {
+    return std::any_of(types_.records().begin(), types_.records().end(),
+                       [](const auto& record) { return record->pending_count != 0; });
+  };
+  do {
+    ++run_counter_;
+    runBatches();
+  } while (!stopped() && pending());
 }
 
 void ProfilerRun::tag(const std::string& path, bool recursive) {
@@ -121,12 +127,10 @@ void ProfilerRun::tag(const std::string& path, bool recursive) {
   if (tagger_.takeCommitFailed() || !renewed) lost(path);
 }
 
-bool ProfilerRun::runBatches() {
-  bool any = false;
+void ProfilerRun::runBatches() {
   for (const auto& record : types_.records()) {
     if (stopped()) break;
     if (record->pending_count == 0) continue;
-    any = true;
     // Counted up to the end of the last batch, so that a file tagged while
     // these batches run gets the batch after them (and the loop reaches it).
     record->pending_count = (record->pending_count / kBatchSize + 1) * kBatchSize - 1;
@@ -134,7 +138,6 @@ bool ProfilerRun::runBatches() {
       runBatch(*record, batch);
     record->pending_count = 0;
   }
-  return any;
 }
 
 void ProfilerRun::runBatch(FileTypeRecord& record, int batch) {

@@ -87,8 +87,8 @@ class ProfilerRun {
   bool stopped() const;
   // Tags the files below path and ends the phase (renewBulk).
   void tag(const std::string& path, bool recursive);
-  // Every type's batches, once; false when no type had files pending.
-  bool runBatches();
+  // Every type's pending batches, once.
+  void runBatches();
   void runBatch(FileTypeRecord& record, int batch);
   void runProfiler(const FileTypeRecord& record, const char* view_path);
   // Until the profiler has exited (not reaped) or has been killed for taking
