@@ -14,8 +14,8 @@ m=/var/uuidmount/aaaa/Media
 gw_put $m/a/hung.mp3; mkdir $m/b
 printf 'mp3:STDAUDIO:/tmp/profile:\nmkv:STDVIDEO:/tmp/profile:\n' >/tmp/types.ini  # video's batches come first
 gw_profiler /tmp/profile /tmp/profiler.log '! ls "${!#}" | grep -q -e -hung -e -late || {
-  sleep 1000 & echo $! >/tmp/child.pid; echo $$ >/tmp/profiler.pid
-  yes | head -c 1000000; yes | head -c 1000000 >&2; exec sleep 1000; }'
+  sleep 100000 & echo $! >/tmp/child.pid; echo $$ >/tmp/profiler.pid
+  yes | head -c 1000000; yes | head -c 1000000 >&2; exec sleep 100000; }'
 gw_gateway aaaa
 gw_up
 hung() { wait_until 60 test -s /tmp/profiler.pid || gw_fail "no hung profiler"; profiler=$(cat /tmp/profiler.pid) child=$(cat /tmp/child.pid); }
