@@ -35,15 +35,21 @@ void closeRange(int first, int end, int limit) {
   for (int fd = first; fd < stop; ++fd) ::close(fd);
 }
 
-[[noreturn]] void execChild(char* const* argv, int report_fd, int fd_limit) {
+[[noreturn]] void execChild(char* const* argv, int report_fd, int null_fd, int fd_limit) {
   sigset_t none;
   sigemptyset(&none);
   ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
   ::signal(SIGPIPE, SIG_DFL);
-  // Only 0-2 and the close-on-exec report pipe stay; the report pipe closes
-  // itself on a successful exec.
+  (void)::setpgid(0, 0);
+  // The daemon's standard error stays (close-on-exec) for the exec failure.
+  const int daemon_stderr = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, report_fd + 1);
+  (void)::dup2(null_fd, STDOUT_FILENO);
+  (void)::dup2(null_fd, STDERR_FILENO);
+  // Only 0-2, the close-on-exec report pipe and that copy of standard error
+  // stay; they close themselves on a successful exec.
   closeRange(3, report_fd, fd_limit);
-  closeRange(report_fd + 1, -1, fd_limit);
+  closeRange(report_fd + 1, daemon_stderr < 0 ? -1 : daemon_stderr, fd_limit);
+  if (daemon_stderr >= 0) closeRange(daemon_stderr + 1, -1, fd_limit);
   ::execvp(argv[0], argv);
   const int exec_errno = errno;
   // perror("execvp failed") without stdio, which may be locked by a thread
@@ -54,7 +60,7 @@ void closeRange(int first, int end, int limit) {
   struct iovec parts[] = {{const_cast<char*>(prefix), sizeof prefix - 1},
                           {const_cast<char*>(what), std::strlen(what)},
                           {const_cast<char*>("\n"), 1}};
-  if (::writev(STDERR_FILENO, parts, 3) < 0) {
+  if (::writev(daemon_stderr, parts, 3) < 0) {
     // No standard error: the exit status still tells.
   }
   if (::write(report_fd, &exec_errno, sizeof exec_errno) < 0) {
@@ -79,14 +85,22 @@ SpawnResult spawnProcess(const std::vector<std::string>& argv) {
     result.error = errno;
     return result;
   }
+  const FileDescriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  if (!null) {
+    result.error = errno;
+    return result;
+  }
   const pid_t pid = ::fork();
   if (pid < 0) {
     result.error = errno;
     return result;
   }
-  if (pid == 0) execChild(args.data(), report.write_end.get(), fd_limit);
+  if (pid == 0) execChild(args.data(), report.write_end.get(), null.get(), fd_limit);
 
   result.pid = pid;
+  // Also here, so that the group exists before anyone may signal it; the
+  // child's own call may come first (this one then fails, harmlessly).
+  (void)::setpgid(pid, pid);
   report.write_end.reset();
   int exec_errno = 0;
   ssize_t got;
@@ -94,7 +108,15 @@ SpawnResult spawnProcess(const std::vector<std::string>& argv) {
     got = ::read(report.read_end.get(), &exec_errno, sizeof exec_errno);
   } while (got < 0 && errno == EINTR);
   if (got == static_cast<ssize_t>(sizeof exec_errno)) result.exec_error = exec_errno;
+#ifdef SYS_pidfd_open
+  // Not reaped yet, so the pid is still this child's.
+  result.exited.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+#endif
   return result;
+}
+
+void killProcessGroup(pid_t pid) {
+  if (pid > 0) (void)::kill(-pid, SIGKILL);
 }
 
 }  // namespace zibd

@@ -6,26 +6,41 @@
 #include <string>
 #include <vector>
 
+#include "common/file_descriptor.h"
+
 namespace zibd {
 
 struct SpawnResult {
   // The child's process id, or -1 when no child was made (the pipe or fork
   // failed; error then holds errno). A child whose exec failed is still
-  // returned here: it has printed "execvp failed: ..." to standard error and
-  // exits with status 1, and the caller reaps it like any other.
+  // returned here: it has printed "execvp failed: ..." to the daemon's
+  // standard error and exits with status 1, and the caller reaps it like any
+  // other.
   pid_t pid = -1;
   int error = 0;       // errno of a failed pipe2 or fork
   int exec_error = 0;  // errno of the child's failed execvp, 0 when it ran
+  // Readable (poll POLLIN) once the child has exited; not valid when the
+  // kernel has no pidfd_open (the caller then polls the child's state).
+  FileDescriptor exited;
 };
 
 // Starts argv[0], searched on PATH as execvp does, with argv as its argument
 // vector. The child starts with an empty signal mask and default SIGPIPE
-// handling, and with only descriptors 0, 1 and 2 of the daemon open. Returns
-// once the program runs (or its exec failed); the caller owns the child and
-// must reap it with waitpid. argv must not be empty.
+// handling, in a process group of its own (its id is the child's pid), with
+// the daemon's standard input, its standard output and standard error on
+// /dev/null (nobody reads them: a pipe would fill and a file would grow), and
+// no other descriptor of the daemon. Returns once the program
+// runs (or its exec failed); the caller owns the child and must reap it with
+// waitpid. argv must not be empty.
 //
 // Thread: any. Safe to call while other threads run: between fork and exec the
 // child calls only async-signal-safe functions.
 SpawnResult spawnProcess(const std::vector<std::string>& argv);
+
+// SIGKILL to every process of the group that spawnProcess made for pid:
+// the child and whatever it started and did not move elsewhere. Call it
+// before the child is reaped, so that the group's id cannot have been given
+// to another process.
+void killProcessGroup(pid_t pid);
 
 }  // namespace zibd

@@ -2,14 +2,16 @@
 
 namespace zibd {
 
-void renewBulk(KordBulk& bulk) {
+bool renewBulk(KordBulk& bulk) {
+  bool stored = true;
   if (bulk) {
-    // A failed commit loses nothing that a later scan does not tag again.
-    (void)kord_bulk_commit(bulk.get());
-    (void)kord_bulk_commit(bulk.get());
+    // Both are asked: the second one writes what the first may have left.
+    stored = kord_bulk_commit(bulk.get()) == 0;
+    stored = kord_bulk_commit(bulk.get()) == 0 && stored;
   }
   bulk.reset();
   bulk.reset(kord_bulk_init());
+  return stored;
 }
 
 }  // namespace zibd

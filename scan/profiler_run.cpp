@@ -1,13 +1,16 @@
 #include "scan/profiler_run.h"
 
 #include <dirent.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <set>
 #include <utility>
@@ -37,13 +40,14 @@ bool isSymlink(const struct dirent& entry, const std::string& path) {
   return ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
-// Blocks until the child has exited, leaving it unreaped. Returns false when
-// the system cannot wait without reaping.
-bool waitExitedUnreaped(pid_t pid) {
-  siginfo_t info{};
+// Whether the child has exited, leaving it unreaped (with block, once it
+// has); nullopt when the system cannot tell without reaping it.
+std::optional<bool> exitedUnreaped(pid_t pid, bool block = false) {
   for (;;) {
-    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == 0) return true;
-    if (errno != EINTR) return false;
+    siginfo_t info{};
+    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | (block ? 0 : WNOHANG)) == 0)
+      return info.si_pid == pid;
+    if (errno != EINTR) return std::nullopt;
   }
 }
 
@@ -52,48 +56,86 @@ void reap(pid_t pid) {
   }
 }
 
+// Without a pidfd the profiler's state is looked at this often.
+constexpr std::chrono::milliseconds kExitPollInterval = std::chrono::seconds(1);
+
 }  // namespace
 
+std::chrono::milliseconds monotonicNow() {
+  // clock_gettime itself, which the system tests' faster clock also speeds.
+  struct timespec now {};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::chrono::seconds(now.tv_sec) +
+         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds(now.tv_nsec));
+}
+
+int pollTimeout(std::chrono::milliseconds wait) {
+  return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, INT_MAX));
+}
+
 ProfilerRun::ProfilerRun(ScannerState& state, FileTypeMap& types, Tagger& tagger,
-                         const StorageQueries& storage, KordBulk& bulk,
-                         const std::atomic<int>& running)
+                         const StorageQueries& storage, KordBulk& bulk, ScanQueue& queue,
+                         const std::atomic<int>& running,
+                         std::chrono::milliseconds profiler_limit)
     : state_(state),
       types_(types),
       tagger_(tagger),
       storage_(storage),
       bulk_(bulk),
-      running_(running) {}
+      queue_(queue),
+      running_(running),
+      profiler_limit_(profiler_limit) {}
 
 bool ProfilerRun::stopped() const { return running_.load() == 0 || state_.aborted(); }
 
 Visibility ProfilerRun::visibilityFor(const std::string& path) const {
-  const std::optional<std::string> managed = storage_.managedPartitionPath();
-  if (!managed || !fsPathIsUnder(managed->c_str(), path.c_str())) return {};
-  std::string media = *managed + "/Media";
-  if (path == *managed) return {Visibility::Kind::kInsideDirectory, std::move(media)};
+  if (!managed_ || !fsPathIsUnder(managed_->c_str(), path.c_str())) return {};
+  std::string media = *managed_ + "/Media";
+  if (path == *managed_) return {Visibility::Kind::kInsideDirectory, std::move(media)};
   if (fsPathIsUnder(media.c_str(), path.c_str())) return {};
   return {Visibility::Kind::kInvisible, {}};
 }
 
 void ProfilerRun::run(const std::string& path, bool recursive) {
   // Asked before the scan is published: a stop that holds the storage lock
-  // then never waits for this thread while it waits for that lock.
-  const Visibility visibility = visibilityFor(path);
+  // then never waits for this thread while it waits for that lock. The
+  // directories tagged while a profiler runs use the same answer.
+  managed_ = storage_.managedPartitionPath();
+  run_path_ = path;
   state_.setScanningPath(path);
+  tag(path, recursive);
+  if (stopped()) return;
+  // Another pass, with the next run number, for the types whose batches had
+  // ended when files of theirs were tagged meanwhile.
+  auto pending = [this] {
+    return std::any_of(types_.records().begin(), types_.records().end(),
+                       [](const auto& record) { return record->pending_count != 0; });
+  };
+  do {
+    ++run_counter_;
+    runBatches();
+  } while (!stopped() && pending());
+}
 
+void ProfilerRun::tag(const std::string& path, bool recursive) {
+  const Visibility visibility = visibilityFor(path);
   Tagger::TagWalk walk{&tagger_, &visibility};
   // A tree that cannot be read tags nothing; the batches still run for what
   // earlier scans left pending.
   (void)fsWalkTree(path.c_str(), &Tagger::walkCallback, nullptr, nullptr, &walk, recursive);
-  renewBulk(bulk_);
-  if (stopped()) return;
-  ++run_counter_;
+  const bool renewed = renewBulk(bulk_);
+  if (tagger_.takeCommitFailed() || !renewed) lost(path);
+}
 
+void ProfilerRun::runBatches() {
   for (const auto& record : types_.records()) {
     if (stopped()) break;
     if (record->pending_count == 0) continue;
-    const int last_batch = record->pending_count / kBatchSize;
-    for (int batch = 0; batch <= last_batch && !stopped(); ++batch) runBatch(*record, batch);
+    // Counted up to the end of the last batch, so that a file tagged while
+    // these batches run gets the batch after them (and the loop reaches it).
+    record->pending_count = (record->pending_count / kBatchSize + 1) * kBatchSize - 1;
+    for (int batch = 0; batch <= record->pending_count / kBatchSize && !stopped(); ++batch)
+      runBatch(*record, batch);
     record->pending_count = 0;
   }
 }
@@ -106,14 +148,17 @@ void ProfilerRun::runBatch(FileTypeRecord& record, int batch) {
   std::snprintf(condition, sizeof condition, "@%s@ exists and @%s@='%s' and @%s@='%d'",
                 kTagToProfile, kTagFileType, record.type.c_str(), kTagBatchIndex, batch);
   char view_path[kViewPathSize];
-  // A view that cannot be made leaves the batch pending for a later run.
+  // A view that cannot be made leaves the batch pending, for the scan that
+  // the lost tags ask for.
   if (kord_view_create(name) != 0 || kord_view_set_cond(name, condition) != 0 ||
-      kord_view_get_path(name, view_path, sizeof view_path) == 0)
+      kord_view_get_path(name, view_path, sizeof view_path) == 0) {
+    lost(run_path_);
     return;
+  }
 
   if (!stopped()) runProfiler(record, view_path);
   if (!stopped()) markBatch(view_path);
-  renewBulk(bulk_);
+  if (!renewBulk(bulk_)) lost(run_path_);
   (void)kord_view_delete(name);
 }
 
@@ -130,12 +175,46 @@ void ProfilerRun::runProfiler(const FileTypeRecord& record, const char* view_pat
   if (child.pid < 0) return;
   // A stop that came while it started has killed it already.
   (void)state_.setProfilerPid(child.pid);
+  if (!waitForProfiler(child)) {
+    reap(child.pid);
+    state_.clearProfilerPid();
+    return;
+  }
   // The pid is withdrawn before the child is reaped, so a stop never signals
-  // a number that the system may have given to another process.
-  const bool waited = waitExitedUnreaped(child.pid);
-  if (waited) state_.clearProfilerPid();
+  // a number that the system may have given to another process; the group
+  // is still the child's until then.
+  state_.clearProfilerPid();
+  killProcessGroup(child.pid);
   reap(child.pid);
-  if (!waited) state_.clearProfilerPid();
+}
+
+bool ProfilerRun::waitForProfiler(const SpawnResult& child) {
+  const std::chrono::milliseconds deadline = monotonicNow() + profiler_limit_;
+  for (;;) {
+    const std::optional<bool> exited = exitedUnreaped(child.pid);
+    if (!exited) return false;
+    if (*exited) return true;
+    const std::chrono::milliseconds left = deadline - monotonicNow();
+    if (left <= std::chrono::milliseconds::zero()) {
+      killProcessGroup(child.pid);
+      return exitedUnreaped(child.pid, true).has_value();
+    }
+    struct pollfd fds[2] = {{child.exited.get(), POLLIN, 0}, {queue_.wakeupFd(), POLLIN, 0}};
+    const auto timeout = child.exited ? left : std::min(left, kExitPollInterval);
+    (void)::poll(fds, 2, pollTimeout(timeout));
+    if (fds[1].revents & POLLIN) {
+      queue_.drainWakeups();
+      tagChangedDirectories();
+    }
+  }
+}
+
+void ProfilerRun::tagChangedDirectories() {
+  while (!stopped()) {
+    const std::optional<ScanRequest> request = queue_.takeChangedDirectory();
+    if (!request) return;
+    tag(request->path, false);
+  }
 }
 
 void ProfilerRun::markBatch(const char* view_path) {
@@ -188,7 +267,9 @@ bool ProfilerRun::markProfiled(const std::string& path) {
   (void)kord_bulk_deltag(bulk, kTagFileType);
   (void)kord_bulk_settag(bulk, kTagModified, modified);
   (void)kord_bulk_deltag(bulk, kTagBatchIndex);
-  return kord_bulk_commit(bulk) == 0;
+  if (kord_bulk_commit(bulk) == 0) return true;
+  lost(path.substr(0, path.rfind('/')));
+  return false;
 }
 
 }  // namespace zibd

@@ -1,5 +1,7 @@
 #include "scan/scan_queue.h"
 
+#include <unistd.h>
+
 #include <climits>
 #include <cstdlib>
 
@@ -9,7 +11,25 @@ namespace zibd {
 
 ScanQueue::ScanQueue(const StorageQueries& storage, ScanReports& reports,
                      const std::atomic<int>& running)
-    : storage_(storage), reports_(reports), running_(running) {}
+    : storage_(storage), reports_(reports), running_(running) {
+  // Without the pipe a scanner that waits in poll sees new work only when
+  // that wait ends for another reason.
+  (void)wakeup_pipe_.open(O_NONBLOCK);
+}
+
+void ScanQueue::signalLocked() {
+  wakeup_.notifyAll();
+  if (wakeup_pipe_.write_end) {
+    const char byte = 0;
+    (void)!::write(wakeup_pipe_.write_end.get(), &byte, 1);
+  }
+}
+
+void ScanQueue::drainWakeups() {
+  char bytes[64];
+  while (wakeup_pipe_.read_end && ::read(wakeup_pipe_.read_end.get(), bytes, sizeof bytes) > 0) {
+  }
+}
 
 void ScanQueue::enqueue(const std::string& path, uint32_t kind) {
   if (!storage_.storageReady()) return;
@@ -53,7 +73,7 @@ void ScanQueue::enqueue(const std::string& path, uint32_t kind) {
     reports_.reportProfiling(1);
     busy_ = true;
   }
-  wakeup_.notifyOne();
+  signalLocked();
 }
 
 std::optional<ScanRequest> ScanQueue::popLocked() {
@@ -64,7 +84,7 @@ std::optional<ScanRequest> ScanQueue::popLocked() {
   return request;
 }
 
-std::optional<ScanRequest> ScanQueue::take() {
+std::optional<ScanRequest> ScanQueue::take(bool block) {
   MutexLock lock(mutex_);
   if (busy_ && priority_.empty() && ordinary_.empty()) {
     reports_.reportProfiling(0);
@@ -73,7 +93,7 @@ std::optional<ScanRequest> ScanQueue::take() {
   std::optional<ScanRequest> request;
   if (running_.load() != 0) {
     request = popLocked();
-    if (!request) {
+    if (!request && block) {
       // One untimed wait: an enqueue, a wake() or a spurious wake-up ends it.
       // The running flag is tested with the mutex held and every stop wakes
       // the queue with it held, so a stop cannot slip in before the wait.
@@ -87,6 +107,13 @@ std::optional<ScanRequest> ScanQueue::take() {
     return std::nullopt;
   }
   return request;
+}
+
+std::optional<ScanRequest> ScanQueue::takeChangedDirectory() {
+  MutexLock lock(mutex_);
+  if (running_.load() == 0 || priority_.empty() || priority_.front().kind != kScanChangedDirectory)
+    return std::nullopt;
+  return popLocked();
 }
 
 void ScanQueue::removeUnder(const std::string& prefix) {
@@ -106,7 +133,7 @@ void ScanQueue::clear() {
 
 void ScanQueue::wake() {
   MutexLock lock(mutex_);
-  wakeup_.notifyAll();
+  signalLocked();
 }
 
 std::size_t ScanQueue::size() const {

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 
+#include "common/file_descriptor.h"
 #include "common/mutex.h"
 #include "scan/scan_reports.h"
 #include "scan/scan_requests.h"
@@ -45,10 +46,22 @@ class ScanQueue final : public ScanRequests {
   void enqueue(const std::string& path, uint32_t kind) override EXCLUDES(mutex_);
 
   // The next request, priority list first. When nothing waits it blocks until
-  // a request arrives, a wake() or a spurious wake-up, and tries once more:
-  // nothing is a normal result. Once running is 0 it drops every waiting
-  // request and returns nothing. Scanner thread only.
-  std::optional<ScanRequest> take() EXCLUDES(mutex_);
+  // a request arrives, a wake() or a spurious wake-up, and tries once more
+  // (with block false it returns at once): nothing is a normal result. Once
+  // running is 0 it drops every waiting request and returns nothing. Scanner
+  // thread only.
+  std::optional<ScanRequest> take(bool block = true) EXCLUDES(mutex_);
+
+  // The first waiting request when it is a changed directory (kind 0) at the
+  // head of the priority list, without blocking and without reporting the
+  // queue idle. Scanner thread only, while a profiler runs.
+  std::optional<ScanRequest> takeChangedDirectory() EXCLUDES(mutex_);
+
+  // Readable after an enqueue or a wake(), for a scanner that waits in poll
+  // for something else too; drainWakeups() empties it before the scanner
+  // looks at the queue.
+  int wakeupFd() const { return wakeup_pipe_.read_end.get(); }
+  void drainWakeups();
 
   // Drops every waiting request whose path is prefix or lies below it
   // (prefix followed by '/'); "" drops every request.
@@ -66,6 +79,7 @@ class ScanQueue final : public ScanRequests {
 
  private:
   std::optional<ScanRequest> popLocked() REQUIRES(mutex_);
+  void signalLocked() REQUIRES(mutex_);
 
   const StorageQueries& storage_;
   ScanReports& reports_;
@@ -77,6 +91,8 @@ class ScanQueue final : public ScanRequests {
   std::list<ScanRequest> ordinary_ GUARDED_BY(mutex_);
   // Set when "work pending" was reported and "idle" not yet.
   bool busy_ GUARDED_BY(mutex_) = false;
+  // Non-blocking both ways; a full pipe already says what a byte would.
+  Pipe wakeup_pipe_;
 };
 
 }  // namespace zibd

@@ -1,7 +1,6 @@
 #include "scan/scanner_state.h"
 
-#include <signal.h>
-
+#include "common/spawn.h"
 #include "common/walk.h"
 
 namespace zibd {
@@ -9,7 +8,8 @@ namespace zibd {
 ScannerState::ScannerState(ScanQueue& queue) : queue_(queue) {}
 
 void ScannerState::killProfiler() {
-  if (profiler_pid_ != -1) (void)::kill(profiler_pid_, SIGKILL);
+  // The whole group: a profiler's own children must not outlive it.
+  if (profiler_pid_ != -1) killProcessGroup(profiler_pid_);
 }
 
 void ScannerState::raiseCleanupStop() { std::atomic_ref<int>(cleanup_stop_).store(1); }

@@ -5,7 +5,8 @@
 //
 // The stop operations (stopScanner at shutdown; stopBelow and stopAll from the
 // storage model, with the storage lock held) raise the flags, kill a running
-// profiler with SIGKILL and return once the scanner has gone back to idle.
+// profiler's process group with SIGKILL and return once the scanner has gone
+// back to idle.
 //
 // Lock order: the storage lock may be held when the scanner lock is taken,
 // never the other way round; the scanner thread takes the storage lock (for

@@ -1,16 +1,21 @@
 #include "scan/scanner_thread.h"
 
 #include <fcntl.h>
+#include <poll.h>
 
+#include <algorithm>
 #include <optional>
 
 #include "common/file_descriptor.h"
+#include "common/walk.h"
 
 namespace zibd {
 
 ScannerThread::ScannerThread(ScanQueue& queue, ScannerState& state, FileTypeMap& types,
                              IndexRules& rules, StorageQueries& storage, ScanReports& reports,
-                             const std::atomic<int>& running, std::string update_signal)
+                             const std::atomic<int>& running, std::string update_signal,
+                             std::chrono::milliseconds profiler_limit,
+                             std::chrono::milliseconds rescan_delay)
     : queue_(queue),
       state_(state),
       rules_(rules),
@@ -18,8 +23,9 @@ ScannerThread::ScannerThread(ScanQueue& queue, ScannerState& state, FileTypeMap&
       reports_(reports),
       running_(running),
       update_signal_(std::move(update_signal)),
+      rescan_delay_(rescan_delay),
       tagger_(types, rules, bulk_, state.abortFlag()),
-      profiler_(state, types, tagger_, storage, bulk_, running) {}
+      profiler_(state, types, tagger_, storage, bulk_, queue, running, profiler_limit) {}
 
 ScannerThread::~ScannerThread() { join(); }
 
@@ -32,7 +38,7 @@ void ScannerThread::step() {
   // Asked before the take, for a release that came while a request ran, and
   // after it, for one that woke the take.
   releaseTagStoreIfAsked();
-  std::optional<ScanRequest> request = queue_.take();
+  std::optional<ScanRequest> request = owed_.empty() ? queue_.take() : takeOrOwed();
   releaseTagStoreIfAsked();
   if (request && !bulk_ && !open()) request.reset();  // no tag store now: the request is dropped
   if (request) {
@@ -59,6 +65,69 @@ void ScannerThread::step() {
     }
   }
   state_.reset();
+  // Idle first: the storage model is asked, whose lock a stop may hold.
+  if (request) settleOwed(*request);
+}
+
+std::optional<ScanRequest> ScannerThread::takeOrOwed() {
+  std::chrono::milliseconds due = owed_.begin()->second;
+  for (const auto& [path, when] : owed_) due = std::min(due, when);
+  // Until a request waits, a stop comes (its wake ends the poll) or the due
+  // time; an enqueue after the size was read ends the poll at once.
+  for (std::chrono::milliseconds now = monotonicNow();
+       now < due && queue_.size() == 0 && running_.load() != 0 && !state_.aborted();
+       now = monotonicNow()) {
+    struct pollfd wakeup = {queue_.wakeupFd(), POLLIN, 0};
+    (void)::poll(&wakeup, 1, pollTimeout(due - now));
+    queue_.drainWakeups();
+  }
+  const std::chrono::milliseconds now = monotonicNow();
+  for (auto it = owed_.begin(); it != owed_.end();) {
+    if (it->second > now) {
+      ++it;
+      continue;
+    }
+    queue_.enqueue(it->first, kScanRuleDirectory);
+    it = owed_.erase(it);
+  }
+  return queue_.take(false);
+}
+
+void ScannerThread::settleOwed(const ScanRequest& request) {
+  for (auto it = owed_.begin(); it != owed_.end();) {
+    const bool concerned = fsPathIsUnder(it->first.c_str(), request.path.c_str()) ||
+                           fsPathIsUnder(request.path.c_str(), it->first.c_str());
+    if (!concerned) {
+      ++it;
+      continue;
+    }
+    // A scan of the whole partition was that scan already.
+    const bool was_it = request.path == it->first && (request.kind == kScanRuleDirectory ||
+                                                      request.kind == kScanForcedRescan);
+    if (!was_it) queue_.enqueue(it->first, kScanRuleDirectory);
+    it = owed_.erase(it);
+  }
+  // A scan that fails again waits as long again: nothing retries faster.
+  const std::chrono::milliseconds due = monotonicNow() + rescan_delay_;
+  for (const std::string& path : profiler_.takeUnstored()) {
+    if (std::optional<std::string> partition = partitionOf(path)) owed_.try_emplace(*partition, due);
+  }
+}
+
+std::optional<std::string> ScannerThread::partitionOf(const std::string& path) const {
+  // The shortest leading part of the path that is on a partition is its
+  // mount path.
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    std::string prefix = path.substr(0, end);
+    if (storage_.pathIsOnPartition(prefix)) return prefix;
+    if (end == std::string::npos) return std::nullopt;
+  }
+}
+
+std::set<std::string> ScannerThread::owedScans() const {
+  std::set<std::string> paths;
+  for (const auto& entry : owed_) paths.insert(entry.first);
+  return paths;
 }
 
 void ScannerThread::releaseTagStoreIfAsked() {

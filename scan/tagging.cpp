@@ -103,7 +103,7 @@ int Tagger::tagFile(const char* path, const Visibility& visibility) {
   (void)kord_bulk_settag(bulk, kTagToProfile, "1");
   (void)kord_bulk_settag(bulk, kTagFileType, record->type.c_str());
   (void)kord_bulk_settag(bulk, kTagBatchIndex, batch);
-  (void)kord_bulk_commit(bulk);
+  if (kord_bulk_commit(bulk) != 0) commit_failed_ = true;
   return 0;
 }
 

@@ -19,6 +19,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "scan/file_type_map.h"
 #include "scan/kord_bulk.h"
@@ -82,6 +83,10 @@ class Tagger {
   // Files new to the database since this Tagger was made.
   long newFiles() const { return new_files_; }
 
+  // Whether a file's tags could not be committed (a full or read-only
+  // metadata disk) since the last call; clears it.
+  bool takeCommitFailed() { return std::exchange(commit_failed_, false); }
+
   // A tree-walk callback that tags each file; data is a TagWalk*.
   struct TagWalk {
     Tagger* tagger;
@@ -108,6 +113,7 @@ class Tagger {
   const KordBulk& bulk_;
   const std::atomic<int>& abort_;
   long new_files_ = 0;
+  bool commit_failed_ = false;
 };
 
 }  // namespace zibd

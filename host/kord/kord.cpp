@@ -574,8 +574,11 @@ extern "C" int kord_bulk_commit(kord_bulk_t* handle) {
     if (!state.store) return 0;
     const int before = state.store->groupCommits();
     const auto now = zibd::kord::Clock::now();
+    // A commit with nothing new asks for what the group holds to be written
+    // now, so that a write that fails is told to this caller.
     const bool flush = state.flush_requested || before + 1 >= zibd::kord::kGroupCommits ||
                        (before > 0 && now >= state.group_deadline) ||
+                       (before > 0 && !state.store->changedSinceCommit()) ||
                        (before == 0 && now < state.ungrouped_until) ||
                        library().groups().writerWaiting();
     bool open;

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "platform/kord.h"
+
 namespace zibd::test {
 namespace {
 
@@ -79,4 +81,9 @@ int __wrap_inotify_init1(int flags) {
 int __wrap_inotify_add_watch(int fd, const char* path, uint32_t mask) {
   return shouldFail(Call::kInotifyAddWatch) ? -1 : __real_inotify_add_watch(fd, path, mask);
 }
+// Weak: tests without the tag store link no kord_*.
+__attribute__((weak)) int __real_kord_bulk_commit(kord_bulk_t* handle);
+__attribute__((weak)) int __real_kord_view_create(const char* name);
+int __wrap_kord_bulk_commit(kord_bulk_t* bulk) { return shouldFail(Call::kKordBulkCommit) ? -1 : __real_kord_bulk_commit(bulk); }
+int __wrap_kord_view_create(const char* name) { return shouldFail(Call::kKordViewCreate) ? -1 : __real_kord_view_create(name); }
 }

@@ -5,7 +5,7 @@
 
 namespace zibd::test {
 
-enum class Call { kFork, kPipe2, kInotifyInit1, kInotifyAddWatch, kCount };
+enum class Call { kFork, kPipe2, kInotifyInit1, kInotifyAddWatch, kKordBulkCommit, kKordViewCreate, kCount };
 
 // After `skip` more calls of `call` succeed, the next `times` fail with errno
 // `error` (times < 0: every call). Thread-safe.

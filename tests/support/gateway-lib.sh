@@ -81,10 +81,11 @@ gw_start_broker() {
   wait_until 10 test -S "$RILL_SOCKET" || gw_fail "no broker socket"
 }
 
-# gw_start_zibd MAP: zibd with the sped-up clock; its standard error is
-# appended to /tmp/zibd.err, which the test expects to stay empty.
+# gw_start_zibd MAP: zibd with the sped-up clock; its standard output and
+# error are appended to /tmp/zibd.out and /tmp/zibd.err (the test expects
+# the latter to stay empty).
 gw_start_zibd() {
-  NO_FAKE_STAT=1 FAKETIME="+0 x10" LD_PRELOAD="$FAKETIME_LIB" "$ZIBD_PROGRAM" -t "$1" 2>>/tmp/zibd.err &
+  NO_FAKE_STAT=1 FAKETIME="+0 x10" LD_PRELOAD="$FAKETIME_LIB" "$ZIBD_PROGRAM" -t "$1" >>/tmp/zibd.out 2>>/tmp/zibd.err &
   GW_ZIBD=$!
 }
 

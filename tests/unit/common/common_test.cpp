@@ -200,7 +200,7 @@ int reap(pid_t pid) {  // exit status, or 128 + signal
 }
 
 // Inheritable descriptors (one just above the report pipe, one far above), a blocked SIGTERM and
-// an ignored SIGPIPE stay in the daemon. No shell in between: it would clear the mask itself.
+// an ignored SIGPIPE stay in the daemon; the child's output goes to /dev/null, in a group of its own. No shell in between: it would clear the mask itself.
 TEST_F(SpawnTest, ChildStartsWithTheStandardDescriptorsAndDefaultSignals) {
   const int low = lowestFreeDescriptor() + 2;
   FileDescriptor near(::dup2(STDIN_FILENO, low)), far(::dup2(STDIN_FILENO, 57));
@@ -218,9 +218,12 @@ TEST_F(SpawnTest, ChildStartsWithTheStandardDescriptorsAndDefaultSignals) {
   std::set<std::string> fds;
   for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) fds.insert(entry.path().filename());
   const std::string status = test::readFile(proc + "/status");
+  const std::string out = std::filesystem::read_symlink(proc + "/fd/1"), err = std::filesystem::read_symlink(proc + "/fd/2");
+  const pid_t group = ::getpgid(r.pid);
   ::kill(r.pid, SIGKILL);
   EXPECT_EQ(reap(r.pid), 128 + SIGKILL);
   EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2"}));
+  EXPECT_TRUE(out == "/dev/null" && err == "/dev/null" && group == r.pid) << out << " " << err << " " << group;
   EXPECT_NE(status.find("SigBlk:\t0000000000000000\n"), std::string::npos) << status;
   const std::size_t ign = status.find("SigIgn:\t");
   ASSERT_NE(ign, std::string::npos) << status;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "common/walk.h"
 #include "scan/file_type_map.h"
 #include "scan/scan_reports.h"
 #include "scan/tagging.h"
@@ -22,9 +23,10 @@ namespace zibd::test {
 struct FakeStorage : StorageQueries {
   std::atomic<bool> ready{true};
   std::atomic<int> initial_scans_done{0};
+  std::string mount;  // the one partition; "": every path is on one
 
   bool storageReady() const override { return ready.load(); }
-  bool pathIsOnPartition(const std::string&) const override { return true; }
+  bool pathIsOnPartition(const std::string& p) const override { return mount.empty() || fsPathIsUnder(mount.c_str(), p.c_str()); }
   std::optional<std::string> managedPartitionPath() const override { return std::nullopt; }
   void sendChangeEvent(const std::string&) override {}
   void markInitialScanDone() override { ++initial_scans_done; }

@@ -77,6 +77,11 @@ class ScannerTest : public test::ScanTest {
     done.get();
   }
   bool pending(const std::string& path) { return getTag(path, kTagToProfile) == "1"; }
+  // A scanner of its own, with another profiler time limit and rescan delay.
+  std::unique_ptr<ScannerThread> scanner(std::chrono::milliseconds limit, std::chrono::milliseconds delay) {
+    auto s = std::make_unique<ScannerThread>(queue_, state_, types_, rules_, storage_, reports_, running_, sandbox_ / "update", limit, delay);
+    return s->open() ? std::move(s) : nullptr;
+  }
 
   bool started_ = false;
   std::atomic<int> running_{1};
@@ -238,6 +243,42 @@ TEST_F(ScannerTest, StopBelowKillsTheProfilerAndReturnsOnceTheScannerIsIdle) {
   EXPECT_EQ(logOf("aprof"), "");
   EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 0);  // the stopped type
   EXPECT_EQ(typeRecord("STDAUDIO").pending_count, 1);  // the one not reached
+}
+
+// A profiler over its time limit is killed and its batch marked (its child: the profiler scenarios).
+TEST_F(ScannerTest, AProfilerOverItsTimeLimitIsKilledAndItsBatchMarked) {
+  videoProfiler("exec sleep 600\n");
+  const std::string film = media("p1/a.mkv", 1700000000);
+  queue_.enqueue(at("p1"), kScanRuleDirectory);
+  scanner(std::chrono::milliseconds(200), kRescanDelay)->step();
+  EXPECT_EQ(getTag(film, kTagModified), timeText(1700000000));
+}
+
+// Tags that cannot be stored (commits or a view failing: a full disk) owe their partition a scan, queued at the
+// next change on it (not elsewhere) or after the delay.
+TEST_F(ScannerTest, LostTagsOweTheirPartitionAScanAtItsNextChangeOrAfterTheDelay) {
+  videoProfiler(kLoggingProfiler);
+  storage_.mount = at("p1");
+  const std::string film = media("p1/d/a.mkv"), elsewhere = media("p2/x.txt"), changed = media("p1/e/x.txt");
+  {
+    test::ScopedFault full(test::Call::kKordBulkCommit, ENOSPC, -1);
+    scan(at("p1/d"), kScanChangedDirectory);
+  }
+  EXPECT_EQ(tagsOf(film), "unknown");
+  EXPECT_THAT(scanner_.owedScans(), ElementsAre(at("p1")));
+  scan(at("p2"), kScanChangedDirectory);  // queues nothing: the next scan finds the queue empty
+  scan(at("p1/e"), kScanChangedDirectory);
+  ASSERT_EQ(queue_.size(), 1U);
+  scanner_.step();
+  EXPECT_TRUE(scanner_.owedScans().empty());
+  setMtime(film, 1600000000);
+  auto quick = scanner(kProfilerTimeLimit, std::chrono::milliseconds(100));
+  test::failCalls(test::Call::kKordViewCreate, EIO);  // once
+  queue_.enqueue(at("p1/d"), kScanChangedDirectory);
+  quick->step();
+  EXPECT_TRUE(pending(film));
+  quick->step();  // nothing queued: the owed scan when its delay is over
+  EXPECT_EQ(getTag(film, kTagModified), timeText(1600000000));
 }
 
 // A stop waits until the scanner thread has ended; once it has, no stop waits.
