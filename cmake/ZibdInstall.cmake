@@ -10,8 +10,12 @@
 #                                            SYSCONFDIR/init.d: /etc/init.d)
 include(GNUInstallDirs)
 
-set(ZIBD_INIT_DIR "${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d" CACHE PATH
-    "Where the start script is installed (empty: not at all)")
+# -DZIBD_INIT_DIR=DIR puts the start script elsewhere, -DZIBD_INIT_DIR= leaves
+# it out. The prefix is a configure-time choice (-DCMAKE_INSTALL_PREFIX): the
+# map and the start script name the installed paths.
+if(NOT DEFINED ZIBD_INIT_DIR)
+  set(ZIBD_INIT_DIR "${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d")
+endif()
 # The profilers' directory is the one the shipped map names below the prefix;
 # lib/ rather than the multiarch library directory, as on the gateway.
 set(ZIBD_PROFILER_DIR "lib/zibd")

@@ -17,6 +17,8 @@ packages=(
   # USB disks as gateways mount them, through FUSE (scripts/disks.sh): FAT,
   # NTFS, exFAT.
   fusefat ntfs-3g exfat-fuse exfatprogs
+  # The install check (scripts/check-install.sh): manual pages, file types.
+  groff-base file
 )
 
 sudo=""
