@@ -56,8 +56,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # The gateway's ABI: 64-bit file offsets and time_t on a 32-bit glibc.
-string(APPEND CMAKE_C_FLAGS_INIT " -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
-string(APPEND CMAKE_CXX_FLAGS_INIT " -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
+# (Once: CMake reads this file more than once in a configure.)
+foreach(lang C CXX)
+  if(NOT CMAKE_${lang}_FLAGS_INIT MATCHES "_TIME_BITS=64")
+    string(APPEND CMAKE_${lang}_FLAGS_INIT " -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
+  endif()
+endforeach()
 
 if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
   set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mips -L "${zibd_target_root}")

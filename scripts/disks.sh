@@ -52,7 +52,7 @@ disk_can() {
   local fs=$1 mkfs fuse
   mkfs=$(disk_mkfs_program "$fs")
   [ -n "$mkfs" ] || { DISK_WHY="unknown file system $fs"; return 1; }
-  if ! PATH=$PATH:/sbin:/usr/sbin command -v "$mkfs" >/dev/null; then
+  if ! command -v "$mkfs" >/dev/null; then
     DISK_WHY="no $mkfs (scripts/setup.sh installs it)"; return 1
   fi
   fuse=$(disk_fuse_program "$fs")
@@ -66,7 +66,7 @@ disk_can() {
   if ! { : <>/dev/fuse; } 2>/dev/null; then
     DISK_WHY="/dev/fuse cannot be opened"; return 1
   fi
-  if ! PATH=$PATH:/sbin:/usr/sbin command -v "$fuse" >/dev/null; then
+  if ! command -v "$fuse" >/dev/null; then
     DISK_WHY="no $fuse (scripts/setup.sh installs it)"; return 1
   fi
 }
@@ -120,6 +120,8 @@ disk_attach() {
 
 disk_mount() {
   local dir=$1 fs=$2 size=$3 mode=${4:-rw} image
+  # mkfs.*, losetup and the mount helpers live in sbin.
+  local PATH=$PATH:/usr/sbin:/sbin
   DISK_WHY=""
   image=/run/disks/${dir##*/}.img
   mkdir -p "$dir" /run/disks
@@ -135,7 +137,7 @@ disk_mount() {
 # file system is remounted; a FUSE driver is stopped (its unmount waits for
 # it to write everything out) and started anew with "ro".
 disk_readonly() {
-  local dir=$1 fs
+  local dir=$1 fs PATH=$PATH:/usr/sbin:/sbin
   fs=$(findmnt -n -o FSTYPE --target "$dir")
   case "$fs" in
     fuse*)
@@ -165,7 +167,7 @@ disk_wait_unmounted() {
 # disk_kind DIR: what DIR is, for a screen: "ext4", "FAT through FUSE
 # (fusefat)", "tmpfs"...
 disk_kind() {
-  local source fs
+  local source fs PATH=$PATH:/usr/sbin:/sbin
   read -r source fs < <(findmnt -n -o SOURCE,FSTYPE --target "$1")
   case "$fs" in
     fuse*|fuseblk)
