@@ -13,7 +13,6 @@
 # the failures named.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-repo=$PWD
 build=${1:?usage: check-install.sh BUILD_DIR}
 build=$(cd "$build" && pwd)
 stage=$build/stage

@@ -134,8 +134,8 @@ disk_mount() {
 }
 
 # disk_readonly DIR: mounts the filled disk at DIR again, read-only. A kernel
-# file system is remounted; a FUSE driver is stopped (its unmount waits for
-# it to write everything out) and started anew with "ro".
+# file system is remounted; a FUSE file system is unmounted, its driver is
+# waited for (it writes out what it still holds) and started anew with "ro".
 disk_readonly() {
   local dir=$1 fs PATH=$PATH:/usr/sbin:/sbin
   fs=$(findmnt -n -o FSTYPE --target "$dir")
@@ -153,8 +153,7 @@ disk_readonly() {
 # open the image while the old one still writes to it: wait until no process
 # holds the image or a loop device on it.
 disk_wait_unmounted() {
-  local i
-  for i in $(seq 200); do
+  for _ in $(seq 200); do
     if [ -z "$(losetup -j "$1" 2>/dev/null)" ] &&
        ! find /proc/[0-9]*/fd -lname "$1" 2>/dev/null | grep -q .; then
       return 0
@@ -170,7 +169,7 @@ disk_kind() {
   local source fs PATH=$PATH:/usr/sbin:/sbin
   read -r source fs < <(findmnt -n -o SOURCE,FSTYPE --target "$1")
   case "$fs" in
-    fuse*|fuseblk)
+    fuse*)
       case "$(blkid -o value -s TYPE "/run/disks/${1##*/}.img" 2>/dev/null)" in
         vfat) echo "FAT through FUSE (fusefat)" ;;
         exfat) echo "exFAT through FUSE (exfat-fuse)" ;;
