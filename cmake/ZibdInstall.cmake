@@ -66,6 +66,9 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Media-indexing daemon for home gateways")
 set(CPACK_GENERATOR TGZ)
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
+# Programs without their debugging information, for the gateway's flash
+# (`cmake --install BUILD --strip` does the same for a staged tree).
+set(CPACK_STRIP_FILES ON)
 if(CMAKE_CROSSCOMPILING)
   set(CPACK_SYSTEM_NAME "${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}")
   # How scripts/check-install.sh runs the packed programs here.

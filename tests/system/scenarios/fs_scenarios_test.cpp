@@ -19,6 +19,8 @@ struct DiskCase {
   const char* odd_time; // .s.mdt after touch -d 2020-01-02 03:04:05
 };
 
+void PrintTo(const DiskCase& c, std::ostream* os) { *os << c.fs; }
+
 class FileSystemScenarioTest : public ::testing::TestWithParam<DiskCase> {};
 
 TEST_P(FileSystemScenarioTest, FilesTravelAndNamesAreKeptAsTheFileSystemStoresThem) {
