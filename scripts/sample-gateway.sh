@@ -7,9 +7,10 @@
 # Three USB disks as file system images below /var/uuidmount: an ext4 "family
 # disk" (the managed one, with a Media directory), a FAT stick with a data
 # partition and a read-only one, and an NTFS disk, the last two mounted
-# through FUSE, filled with the small media files of sample/media. The bus broker starts with sample/gateway.model, the
-# profilers of sample/profilers are put where sample/file-types.ini points
-# (/usr/lib/zibd), and zibd runs with that map.
+# through FUSE, filled with the small media files of sample/media. The bus
+# broker starts with sample/gateway.model, the profilers of sample/profilers
+# are put where sample/file-types.ini points (/usr/lib/zibd), and zibd runs
+# with that map.
 #   --fast   zibd's clock runs ten times faster (libfaketime): the start-up
 #            pause of 60 s and the settle time of 30 s take 9 s together
 #   --shell  open a shell in the sandbox (rillctl, kordctl, zibd-status on

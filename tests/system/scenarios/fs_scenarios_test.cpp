@@ -16,7 +16,7 @@ struct DiskCase {
   const char* stored;   // the names the file system takes
   const char* refused;  // the copies it refuses
   const char* twins;    // Dup.mp3 then dup.mp3 written: names on disk, names known
-  const char* odd_time; // .s.mdt after touch -d 2020-01-02 03:04:05
+  const char* odd_time;  // .s.mdt after touch -d 2020-01-02 03:04:05
 };
 
 void PrintTo(const DiskCase& c, std::ostream* os) { *os << c.fs; }
@@ -34,7 +34,7 @@ gw_put $m/first.mp3; gw_put $m/Album/one.mp3; mkdir $m/Names $m/Twins
 # beside the stick.
 gw_gateway meta:4000 usb1:1000
 gw_up
-gw_storage /var/uuidmount/meta >/dev/null || gw_fail "metadata not on meta"
+wait_until 10 gw_storage_is /var/uuidmount/meta || gw_fail "metadata not on meta"
 wait_until 60 gw_profiled $m/first.mp3 $m/Album/one.mp3 || gw_fail "first scan"
 [ "$(gw_tag $m/first.mp3 .s.mdt)" = "$(gw_mtime $m/first.mp3)" ] && echo "mdt is the file's time"
 
