@@ -4,18 +4,19 @@
 #
 #   sample-gateway.sh [--fast] [--shell] [--tmpfs]
 #
-# Two USB disks as file system images, loop-mounted below /var/uuidmount: an
-# ext4 "family disk" (the managed one, with a Media directory) and a FAT stick
-# with a data partition and a read-only one, filled with the small media files
-# of sample/media. The bus broker starts with sample/gateway.model, the
-# profilers of sample/profilers are put where sample/file-types.ini points
-# (/usr/lib/zibd), and zibd runs with that map.
+# Three USB disks as file system images below /var/uuidmount: an ext4 "family
+# disk" (the managed one, with a Media directory), a FAT stick with a data
+# partition and a read-only one, and an NTFS disk, the last two mounted
+# through FUSE, filled with the small media files of sample/media. The bus
+# broker starts with sample/gateway.model, the profilers of sample/profilers
+# are put where sample/file-types.ini points (/usr/lib/zibd), and zibd runs
+# with that map.
 #   --fast   zibd's clock runs ten times faster (libfaketime): the start-up
 #            pause of 60 s and the settle time of 30 s take 9 s together
 #   --shell  open a shell in the sandbox (rillctl, kordctl, zibd-status on
 #            its PATH); leaving it stops everything
-#   --tmpfs  tmpfs disks instead of loop-mounted images (also the fallback
-#            when the machine cannot loop-mount, which is said on screen)
+#   --tmpfs  tmpfs disks instead of file system images (also the fallback
+#            when the machine cannot make one, which is said on screen)
 # Without --shell the status view (zibd-status) runs in the foreground when it
 # has been built and the output is a terminal; otherwise the script waits for
 # zibd. Ctrl-C stops zibd, and the script exits with zibd's exit status.
@@ -59,43 +60,34 @@ export PATH="/run/bin:$PATH"
 export RILL_SOCKET=/run/rill.sock TOCK_EVENTS=/run/tock.events
 export ZIBD_PROFILER_LOG=${ZIBD_PROFILER_LOG:-/run/zibd-profilers.log}
 
-# The disks: UUID, file system, size in MB, mount options. The UUIDs are
-# those of sample/gateway.model's mount points.
+# The disks, at the mount points of sample/gateway.model, each named after its
+# file system's UUID or serial as the gateway names them: the family disk is
+# ext4, the stick FAT and the third disk NTFS, the last two through FUSE
+# (fusefat, ntfs-3g) as on a gateway (scripts/disks.sh).
 family=/var/uuidmount/4f2a91c3-7d1e-4b6a-9c05-2e8f1a3b6d74
 stick=/var/uuidmount/77E0-0B12
 stick_ro=/var/uuidmount/C0DE-5E7A
+ntfs=/var/uuidmount/6A3C1D2E4F5B7081
+. "$repo/scripts/disks.sh"
 
-# make_disk DIR FSTYPE SIZE_MB: a file system image in /run/disks with the
-# UUID that DIR is named after, loop-mounted at DIR; a tmpfs when that is not
-# possible, and then the reason is said. The image lives in the sandbox's
-# tmpfs; the loop device is released when the sandbox ends.
+# make_disk DIR FS SIZE_MB: that file system at DIR; a tmpfs when this
+# machine cannot make it (or --tmpfs), and then the reason is said.
 make_disk() {
-  local dir=$1 fs=$2 size=$3 uuid=${1##*/} image=/run/disks/${1##*/}.img out why=""
-  mkdir -p "$dir"
   if ((tmpfs)); then
-    why="--tmpfs"
-  elif ! grep -qw "$fs" /proc/filesystems; then
-    why="this kernel has no $fs file system"
-  else
-    mkdir -p /run/disks
-    truncate -s "${size}M" "$image"
-    case "$fs" in
-      ext4) out=$(mkfs.ext4 -q -F -U "$uuid" -L family -E root_owner=0:0 "$image" 2>&1) ;;
-      vfat) out=$(mkfs.vfat -i "${uuid//-/}" -n STICK "$image" 2>&1) ;;
-    esac || why="mkfs.$fs failed: ${out%%$'\n'*}"
-    if [ -z "$why" ]; then
-      out=$(mount -o loop "$image" "$dir" 2>&1) && return 0
-      why="cannot loop-mount: ${out%%$'\n'*}"
-    fi
-    rm -f "$image"
+    DISK_WHY="--tmpfs"
+  elif disk_mount "$@"; then
+    say "$1: $(disk_kind "$1"), $3 MB"
+    return 0
   fi
-  say "$dir is a tmpfs, not a $fs image ($why)"
-  mount -t tmpfs -o size="${size}m" "sample-$uuid" "$dir"
+  say "$1 is a tmpfs, not a $2 image ($DISK_WHY)"
+  mkdir -p "$1"
+  mount -t tmpfs -o size="$3m" "sample-${1##*/}" "$1"
 }
 
 make_disk "$family" ext4 32
-make_disk "$stick" vfat 16
-make_disk "$stick_ro" vfat 4
+make_disk "$stick" fat 16
+make_disk "$stick_ro" fat 4
+make_disk "$ntfs" ntfs 16
 
 # The media: real files with metadata from sample/media, one that no tool can
 # read, and files outside the index rules' directories.
@@ -117,7 +109,13 @@ put tower.jpg "$stick/Music/cover.jpg"
 mkdir -p "$stick/Documents"
 echo "Dear reader, this stick holds more than music." >"$stick/Documents/letter.txt"
 put beach.jpg "$stick_ro/DCIM/beach.jpg"
-mount -o remount,ro "$stick_ro"  # filled, now read-only as on the bus
+# Filled, now read-only as on the bus.
+disk_readonly "$stick_ro" || say "$stick_ro stays writable: $DISK_WHY"
+# The NTFS disk: what a laptop leaves on it, names in other scripts included.
+put holiday.mkv "$ntfs/Videos/Vacances à la mer.mkv"
+put evening-tide.flac "$ntfs/Videos/Музыка/Вечерний прилив.flac"
+put tower.jpg "$ntfs/Videos/写真/塔.jpg"
+mkdir -p "$ntfs/\$RECYCLE.BIN" "$ntfs/System Volume Information"
 
 # The profilers where the map points. /usr is the host's, bound into the
 # sandbox: an overlay with a tmpfs upper layer over /usr/lib makes room for

@@ -9,7 +9,8 @@
 # root) whose root is a tmpfs: the host's top-level directories are bound into
 # it, except /tmp, /run, /var, /rw and /mnt, which are new empty tmpfs mounts,
 # and /proc, which shows the sandbox's own processes. Every process left in
-# the sandbox ends with it. The command runs in the current directory; it, the
+# the sandbox ends with it: the FUSE drivers of its disks too (scripts/disks.sh
+# puts their loop devices in autoclear mode, so the kernel detaches them then). The command runs in the current directory; it, the
 # repository and every directory named in ZIBD_SANDBOX_KEEP (colon-separated,
 # e.g. a build directory under /tmp) stay visible at their own paths.
 set -euo pipefail

@@ -14,6 +14,11 @@ packages=(
   util-linux mount procps
   # The sample gateway: its disk images and its profilers' tools.
   e2fsprogs dosfstools mediainfo exif jq
+  # USB disks as gateways mount them, through FUSE (scripts/disks.sh): FAT,
+  # NTFS, exFAT.
+  fusefat ntfs-3g exfat-fuse exfatprogs
+  # The install check (scripts/check-install.sh): manual pages, file types.
+  groff-base file
 )
 
 sudo=""

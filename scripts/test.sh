@@ -2,7 +2,8 @@
 # Sets up the machine, then builds and runs every test: the include check, the
 # lock-annotation compile, the host build, the sanitizer builds
 # (address+undefined, thread), the MIPS cross build, whose unit tests run under
-# qemu-mips, and the fuzzers. Pass variant names to run only some of them.
+# qemu-mips, the install step of the host and MIPS builds
+# (scripts/check-install.sh), and the fuzzers. Pass variant names to run only some of them.
 #
 # Builds run one after the other and use every core. The system tests mostly
 # wait for a daemon with a sped-up clock, so a variant's tests run in the
@@ -84,6 +85,12 @@ for v in "${variants[@]}"; do
       if scripts/build.sh "$v"; then
         echo "=== $v: built in $((SECONDS - start)) s"
         startTests "$v"
+        # The install step: the staged tree, the start script (host), the
+        # tarball's programs under qemu-mips (mips).
+        if [ "$v" = host ] || [ "$v" = mips ]; then
+          echo "=== $v: install check"
+          scripts/check-install.sh "build/$v" || status=1
+        fi
       else
         status=1
       fi ;;

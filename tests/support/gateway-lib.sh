@@ -208,3 +208,11 @@ gw_cleanup() {
   [ -z "$GW_ZIBD" ] || { kill -KILL "$GW_ZIBD" 2>/dev/null; wait "$GW_ZIBD" 2>/dev/null; }
   gw_stop_broker
 }
+
+# gw_fs_disk UUID FS [SIZE_MB]: the partition at /var/uuidmount/UUID is a
+# fresh FS disk (fat, exfat, ntfs through FUSE; ext4, vfat: scripts/disks.sh).
+# Where this machine cannot make one it prints "SKIP: why" and fails.
+gw_fs_disk() {
+  . "$ZIBD_SOURCE_DIR/scripts/disks.sh"
+  disk_mount "/var/uuidmount/$1" "$2" "${3:-32}" || { echo "SKIP: no $2 disk here: $DISK_WHY"; return 1; }
+}

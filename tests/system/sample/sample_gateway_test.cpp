@@ -37,6 +37,9 @@ tags_of photo "$family/Media/Pictures/2025/beach.jpg"
 tags_of png "$family/Media/Pictures/drawing.png"
 tags_of stick "$stick/Music/road-trip.ogg"
 tags_of damaged "$family/Media/Movies/damaged.avi"
+tags_of ntfs "/var/uuidmount/6A3C1D2E4F5B7081/Videos/写真/塔.jpg"
+wait_until 240 sh -c 'kordctl stats | grep -qx "\.s\.tbp 0"' || echo "TIMEOUT all profiled"
+grep -q -e "77E0-0B12: FAT through FUSE" -e "77E0-0B12 is a tmpfs, not a fat image" /tmp/gateway.log && echo "stick: said"
 mount | grep -q "on $family type ext4" && echo "family disk: ext4 image"
 grep -q "$family is a tmpfs, not a ext4 image" /tmp/gateway.log && echo "family disk: tmpfs, said on screen"
 kordctl files | grep -q Backup && echo "outside the rules: indexed"
@@ -101,6 +104,8 @@ TEST(SampleGatewayTest, IndexesAndProfilesTheSampleDisksAndHostileNames) {
   // error (the gateway output) would hold the line.
   EXPECT_THAT(out, Not(::testing::ContainsRegex("(^|\n)PWNED\n")));
   EXPECT_THAT(line("noise.mp3: "), AllOf(HasSubstr(".s.mdt="), Not(HasSubstr("media."))));
+  EXPECT_THAT(line("ntfs: "), HasSubstr(",media.width=480,"));
+  EXPECT_THAT(out, HasSubstr("stick: said"));
 
   EXPECT_THAT(out, HasSubstr("gateway exit=0"));
   EXPECT_THAT(out, Not(HasSubstr("broker left running")));
