@@ -58,6 +58,14 @@ bool isReportedAsFile(const dirent& entry) {
 
 }  // namespace
 
+bool fsHasEntry(const char* dir, const char* name) {
+  DirStream stream = openDirectory(dir);
+  if (!stream) return false;
+  while (const dirent* entry = ::readdir(stream.get()))
+    if (std::strcmp(entry->d_name, name) == 0) return true;
+  return false;
+}
+
 int fsWalkDir(const char* dir, FsWalkCallback file_cb, FsWalkCallback dir_cb, void* data,
               bool recursive, FsPathBuffer& buffer) {
   const std::size_t dir_len = std::strlen(dir);

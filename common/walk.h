@@ -49,6 +49,11 @@ int fsWalkTree(const char* path, FsWalkCallback file_cb, FsWalkCallback dir_cb,
 int fsWalkDir(const char* dir, FsWalkCallback file_cb, FsWalkCallback dir_cb, void* data,
               bool recursive, FsPathBuffer& buffer);
 
+// True when directory dir holds an entry named exactly name (byte for byte:
+// on a file system that ignores case, lstat finds "a.mp3" as "A.mp3" too).
+// False when dir cannot be read.
+bool fsHasEntry(const char* dir, const char* name);
+
 // True when path equals prefix or continues it with '/'. A prefix that ends
 // in '/' matches only itself; the empty prefix matches every absolute path.
 bool fsPathIsUnder(const char* prefix, const char* path);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,6 +45,16 @@ void tagInvisible(const char* path) {
   (void)kord_bulk_setpath(bulk.get(), path);
   (void)kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "1");
   (void)kord_bulk_commit(bulk.get());
+}
+
+// Whether path names an entry under exactly that name: a file system that
+// ignores case (FAT, exFAT) finds "a.mp3" after a rename to "A.mp3", which
+// is still the old name gone. The directory is read only in that case.
+bool existsAsNamed(const std::string& path, struct stat* st) {
+  if (::lstat(path.c_str(), st) != 0) return false;
+  FsPathBuffer parent;
+  if (fsDirName(path.c_str(), parent.data(), kFsPathMax) != kFsOk) return true;
+  return fsHasEntry(parent.data()[0] ? parent.data() : "/", path.c_str() + std::strlen(parent.data()) + 1);
 }
 
 int vanished(const char* path) { return ::access(path, F_OK) != 0 ? 1 : 0; }
@@ -160,7 +171,7 @@ void ChangeHandler::flushDeletes(std::time_t now) {
       continue;
     }
     struct stat st {};
-    if (::lstat(it->path.c_str(), &st) == 0) {
+    if (existsAsNamed(it->path, &st)) {
       // Made again (or moved back) while the delete waited: it is not gone,
       // but a directory made again holds only what is in it now.
       if (S_ISDIR(st.st_mode)) dropVanishedBelow(it->path);
