@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "platform/rill.h"
+
 namespace zibd::test {
 namespace {
 
@@ -78,5 +80,10 @@ int __wrap_inotify_init1(int flags) {
 }
 int __wrap_inotify_add_watch(int fd, const char* path, uint32_t mask) {
   return shouldFail(Call::kInotifyAddWatch) ? -1 : __real_inotify_add_watch(fd, path, mask);
+}
+// Weak: tests that do not link the bus library do without it.
+int __real_rill_invoke_ccmd(rill_conn_t*, rill_ccmd_t*, rill_reply_fn, void*) __attribute__((weak));
+int __wrap_rill_invoke_ccmd(rill_conn_t* conn, rill_ccmd_t* cmd, rill_reply_fn reply_fn, void* context) {
+  return shouldFail(Call::kBusRead) || !__real_rill_invoke_ccmd ? -1 : __real_rill_invoke_ccmd(conn, cmd, reply_fn, context);
 }
 }
