@@ -217,7 +217,7 @@ fault host/rill/path.cpp \
 
 fault host/rill/client.cpp \
   "if (!even_if_stalled && stalled()) {" \
-  "if (false) {" \
+  "if (!even_if_stalled && false) {" \
   "rill: requests go to a broker that has not answered the ones given up"
 
 # ---------------------------------------------------------------------------------------------
