@@ -82,10 +82,10 @@ void BusThread::run() noexcept {
     while (step()) {
     }
   } catch (...) {
-    // Out of memory on the bus thread: end as a lost connection does.
+    // Out of memory on the bus thread: give the bus up and end.
     if (state_ != State::kDone) {
-      if (conn_) endConnection();
-      if (state_ != State::kDone) leave();
+      if (conn_) releaseConnection();
+      leave();
     }
   }
 }
@@ -220,8 +220,7 @@ void BusThread::connect() {
   ++attempts_;
   conn_ = rill_ctx_create_client_connection(kClientName, 0);
   if (!conn_) {
-    // Tried again at once; after the last attempt the thread just ends.
-    if (attempts_ >= timing_.max_attempts) state_ = State::kDone;
+    if (!pause(timing_.retry_pause)) leave();
     return;
   }
   storage_.setConnection(conn_);
@@ -237,12 +236,11 @@ void BusThread::connect() {
   subscribed_ = true;
   socket_ = rill_getnotifylistensocket(conn_);
   if (socket_ == -1) return endConnection();
-  retry_ = false;
   state_ = State::kLooping;
 }
 
 void BusThread::loopOnce() {
-  if (!running_.load()) return endConnection();
+  if (!running_.load()) return endConnection(true);
   const std::optional<timeval>& deadline = storage_.deadline();
   const int timeout = deadline ? millisecondsUntil(*deadline) : -1;
   pollfd fds[2] = {{pipe_.readFd(), POLLIN, 0}, {socket_, POLLIN, 0}};
@@ -250,7 +248,7 @@ void BusThread::loopOnce() {
   if (fds[0].revents) {
     bool stop = false;
     takeMessages(&stop);
-    if (stop) return endConnection();
+    if (stop) return endConnection(true);
   }
   if (fds[1].revents) {
     // The bus is gone (or the socket broke): a lost connection.
@@ -301,15 +299,19 @@ void BusThread::releaseConnection() {
   storage_.setConnection(nullptr);
 }
 
-void BusThread::endConnection() {
+void BusThread::endConnection(bool stop) {
   releaseConnection();
-  if (retry_) {
-    if (running_.load() && !pause(timing_.retry_pause)) return leave();
-    if (!running_.load() || attempts_ >= timing_.max_attempts) return leave();
-    state_ = State::kConnecting;
-    return;
+  if (stop) return leave();
+  // The disks are given back; the choice made on them goes too, so that the
+  // next connection chooses again (and publishes it) and scans everything,
+  // catching up with what changed unwatched meanwhile.
+  {
+    MutexLock hold(storage_.storage_lock);
+    storage_.stSetStorageStatus(kNoSuitableDisk);
   }
-  leave();
+  profiling_.forget();
+  if (!pause(timing_.retry_pause)) return leave();
+  state_ = State::kConnecting;
 }
 
 void BusThread::leave() {

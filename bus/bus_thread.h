@@ -5,13 +5,13 @@
 // that, once disks and partitions stop changing, chooses the metadata storage
 // and queues the partitions' scans.
 //
-// When a connection that reached the loop ends, for whatever reason (stop
-// message, daemon stopping, bus lost), the thread ends: it writes "0" into the
-// sync pipe and closes the control pipe. Before that, a failed set-up is
-// retried after a pause, five connection attempts over the thread's life at
-// most; when the connection cannot even be created five times the thread ends
-// without writing to the sync pipe (a later shutdown then waits for ever; a
-// known limit kept on purpose).
+// A connection that cannot be made or set up, or that is lost, is not the
+// end: the thread gives every disk back, forgets the metadata storage chosen
+// on it and connects again after a pause, for as long as the daemon runs;
+// the new connection reads disks, partitions and rules afresh and the settle
+// deadline chooses the storage again. Only the stop (stop message or daemon
+// stopping, also during a pause) ends the thread: it writes "0" into the sync
+// pipe and closes the control pipe.
 //
 // Each pass of step() does one piece of that: the start-up wait, one
 // connection attempt, or one wait of the loop with its work.
@@ -36,8 +36,7 @@ namespace zibd {
 struct BusTiming {
   int stage = 71;                                // start-up stage to wait for
   std::chrono::milliseconds first_pause{60000};  // after the stage, before connecting
-  std::chrono::milliseconds retry_pause{5000};   // after a failed set-up
-  int max_attempts = 5;                          // connection attempts over the thread's life
+  std::chrono::milliseconds retry_pause{5000};   // between connection attempts
 };
 
 class BusThread {
@@ -75,7 +74,7 @@ class BusThread {
   void loopOnce();
   void expire();
   void releaseConnection();
-  void endConnection();
+  void endConnection(bool stop = false);
   void leave();
 
   StorageModel& storage_;
@@ -90,8 +89,7 @@ class BusThread {
   NotificationHandler handler_;
 
   State state_ = State::kStarting;
-  int attempts_ = 0;
-  bool retry_ = true;        // the connection has not reached the loop
+  int attempts_ = 0;         // connection attempts so far
   bool subscribed_ = false;  // the subscriptions of this connection succeeded
   rill_conn_t* conn_ = nullptr;
   int socket_ = -1;

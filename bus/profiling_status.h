@@ -13,11 +13,14 @@ class ProfilingStatus {
   // Publishes the new state when it differs from the current one; a failed
   // publication is not retried. Nothing is published at start-up.
   void set(int busy) EXCLUDES(storage_.storage_lock);
-  bool busy() const { return busy_ != 0; }
+  bool busy() const { return busy_ == 1; }
+  // The bus is new (a connection was lost): the next state is published
+  // whatever it is.
+  void forget() { busy_ = -1; }
 
  private:
   StorageModel& storage_;
-  int busy_ = 0;
+  int busy_ = 0;  // -1: unknown to the bus
 };
 
 }  // namespace zibd

@@ -154,6 +154,14 @@ fault bus/bus_thread.cpp \
   "if (!partition.scanned) scans_.enqueue(" \
   "if (partition.scanned) scans_.enqueue(" \
   "bus thread: unscanned partitions are not queued when the settle time ends"
+fault bus/bus_thread.cpp \
+  "    if (!pause(timing_.retry_pause)) leave();" \
+  "    leave();" \
+  "bus thread: a connection that cannot be made ends the thread"
+fault bus/bus_thread.cpp \
+  "    storage_.stSetStorageStatus(kNoSuitableDisk);" \
+  "" \
+  "bus thread: the storage chosen on a lost connection is kept, never chosen again"
 fault bus/notification_handler.cpp \
   '(void)storage_.stSetBusValue(kMetadataService, "ForceRescan", "0");' \
   "" \
@@ -206,6 +214,11 @@ fault host/rill/path.cpp \
   "return pattern.size() == object.size() && matchesAtOrBelow(pattern, object);" \
   "return matchesAtOrBelow(pattern, object);" \
   "rill: a pattern also matches every object below it"
+
+fault host/rill/client.cpp \
+  "if (!even_if_stalled && stalled()) {" \
+  "if (!even_if_stalled && false) {" \
+  "rill: requests go to a broker that has not answered the ones given up"
 
 # ---------------------------------------------------------------------------------------------
 COUNT=${#FAULT_FILE[@]}

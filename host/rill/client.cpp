@@ -26,7 +26,9 @@ int pollTimeout(const Deadline& deadline) {
 
 bool Channel::open(const std::string& socket_path) {
   close();
-  fd_ = connectTo(socket_path, &error_);
+  // Non-blocking: a broker whose listen queue is full refuses at once
+  // instead of holding the caller.
+  fd_ = connectTo(socket_path, &error_, true);
   return fd_.valid();
 }
 
@@ -34,6 +36,7 @@ void Channel::close() {
   fd_.reset();
   reader_ = FrameReader();
   notifications_.clear();
+  unanswered_ = 0;
   lost_ = false;
 }
 
@@ -42,9 +45,13 @@ void Channel::lose(const std::string& why) {
   lost_ = true;
 }
 
-bool Channel::send(Request& request) {
+bool Channel::send(Request& request, Deadline deadline, bool even_if_stalled) {
   if (!connected()) {
     if (error_.empty()) error_ = "not connected to the bus";
+    return false;
+  }
+  if (!even_if_stalled && stalled()) {
+    error_ = "the bus has not answered an earlier request";
     return false;
   }
   request.id = next_id_++;
@@ -54,11 +61,48 @@ bool Channel::send(Request& request) {
     error_ = "request too large";
     return false;
   }
-  if (!sendAll(fd_.get(), frame)) {
+  if (!sendFrame(frame, deadline)) return false;
+  ++unanswered_;
+  return true;
+}
+
+bool Channel::sendFrame(const std::string& frame, const Deadline& deadline) {
+  size_t sent = 0;
+  while (sent < frame.size()) {
+    const ssize_t n = ::send(fd_.get(), frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      pollfd pfd{fd_.get(), POLLOUT, 0};
+      const int timeout = pollTimeout(deadline);
+      const int ready = timeout == 0 ? 0 : ::poll(&pfd, 1, timeout);
+      if (ready > 0 || (ready < 0 && errno == EINTR)) continue;
+      if (ready == 0 && sent == 0) {
+        error_ = "the bus takes no more requests";
+        return false;
+      }
+      lose(ready == 0 ? "the bus stopped reading a request" : std::string("bus connection: ") + ::strerror(errno));
+      return false;
+    }
     lose("connection to the bus lost");
     return false;
   }
   return true;
+}
+
+bool Channel::stalled() {
+  Reply unused;
+  bool found = false;
+  while (unanswered_ > 0 && connected()) {
+    pollfd pfd{fd_.get(), POLLIN, 0};
+    const int ready = ::poll(&pfd, 1, 0);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0 || !receive(MSG_DONTWAIT) || !takeFrames(0, &unused, &found)) break;
+  }
+  return unanswered_ > 0;
 }
 
 bool Channel::receive(int flags) {
@@ -89,7 +133,11 @@ bool Channel::takeFrames(uint32_t wanted, Reply* reply, bool* found) {
     }
     if (auto* notification = std::get_if<Notification>(&*message)) {
       notifications_.push_back(std::move(*notification));
-    } else if (auto* r = std::get_if<Reply>(&*message); r && r->id == wanted && wanted != 0) {
+      continue;
+    }
+    auto* r = std::get_if<Reply>(&*message);
+    if (r && unanswered_ > 0) --unanswered_;
+    if (r && r->id == wanted && wanted != 0) {
       *reply = std::move(*r);
       *found = true;
       return true;
@@ -119,10 +167,19 @@ Channel::Wait Channel::await(uint32_t id, Reply* reply, Deadline deadline) {
   }
 }
 
-std::optional<Reply> Channel::call(Request request) {
+std::optional<Reply> Channel::call(Request request, Deadline deadline) {
   Reply reply;
-  if (!send(request) || await(request.id, &reply) != Wait::kReply) return std::nullopt;
-  return reply;
+  if (!send(request, deadline)) return std::nullopt;
+  switch (await(request.id, &reply, deadline)) {
+    case Wait::kReply:
+      return reply;
+    case Wait::kTimedOut:
+      error_ = "no answer from the bus";
+      return std::nullopt;
+    case Wait::kLost:
+      break;
+  }
+  return std::nullopt;
 }
 
 std::vector<Notification> Channel::takeNotifications(bool* alive) {
@@ -189,9 +246,10 @@ std::optional<Status> Client::lock(int timeout_s) {
   Request request;
   request.op = Op::kLock;
   request.number = timeout_s > 0 ? 1 : 0;
-  if (!requests_.send(request)) return std::nullopt;
-  Deadline deadline;
-  if (timeout_s > 0) deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
+  // Without a time-out the broker answers at once, busy or granted.
+  const Deadline deadline =
+      timeout_s > 0 ? std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s) : replyDeadline();
+  if (!requests_.send(request, replyDeadline())) return std::nullopt;
   Reply reply;
   switch (requests_.await(request.id, &reply, deadline)) {
     case Channel::Wait::kReply:
@@ -202,10 +260,13 @@ std::optional<Status> Client::lock(int timeout_s) {
       break;
   }
   // Withdraw the wait; the broker also gives the lock back if its grant
-  // crossed this cancel, so after the answer we surely do not hold it.
+  // crossed this cancel, so once it has read the cancel we surely do not hold
+  // it. Sent although the wait is still unanswered; a broker that answers
+  // neither in time gets both answers dropped when they come.
   Request cancel;
   cancel.op = Op::kLockCancel;
-  if (!requests_.call(cancel)) return std::nullopt;
+  if (!requests_.send(cancel, replyDeadline(), true)) return std::nullopt;
+  if (requests_.await(cancel.id, &reply, replyDeadline()) == Channel::Wait::kLost) return std::nullopt;
   return Status::kTimedOut;
 }
 

@@ -11,12 +11,10 @@ namespace zibd::rill {
 inline constexpr const char* kDefaultSocketPath = "/run/rill.sock";
 std::string socketPath();
 
-// A blocking, close-on-exec connection to the socket at path; an invalid
-// descriptor with *error set ("cannot connect to PATH: reason") on failure.
-FileDescriptor connectTo(const std::string& path, std::string* error);
-
-// Sends all of data, retrying after EINTR and partial writes, without raising
-// SIGPIPE. False when the peer is gone or the send failed.
-bool sendAll(int fd, const std::string& data);
+// A close-on-exec connection to the socket at path, blocking unless asked
+// (a non-blocking connect fails at once when the listen queue is full); an
+// invalid descriptor with *error set ("cannot connect to PATH: reason") on
+// failure.
+FileDescriptor connectTo(const std::string& path, std::string* error, bool nonblocking = false);
 
 }  // namespace zibd::rill

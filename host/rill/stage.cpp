@@ -7,14 +7,15 @@
 extern "C" int wait_until_stage(int stage) {
   return zibd::rill::guarded(-1, [&] {
     // A connection of its own, so that the caller needs no bus client yet.
-    // The broker answers once the stage is reached; the wait is a poll on the
-    // socket, which also ends if the broker goes away.
+    // The broker answers once the stage is reached, which may take long: the
+    // one untimed wait of the library, a poll on the socket, which also ends
+    // if the broker goes away.
     zibd::rill::Channel channel;
     if (!channel.open(zibd::rill::socketPath())) return -1;
     zibd::rill::Request request;
     request.op = zibd::rill::Op::kStageWait;
     request.number = stage;
-    auto reply = channel.call(request);
+    auto reply = channel.call(request, std::nullopt);
     return reply && reply->status == zibd::rill::Status::kOk ? 0 : -1;
   });
 }

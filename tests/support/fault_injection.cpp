@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "platform/kord.h"
+#include "platform/rill.h"
 
 namespace zibd::test {
 namespace {
@@ -86,4 +87,9 @@ __attribute__((weak)) int __real_kord_bulk_commit(kord_bulk_t* handle);
 __attribute__((weak)) int __real_kord_view_create(const char* name);
 int __wrap_kord_bulk_commit(kord_bulk_t* bulk) { return shouldFail(Call::kKordBulkCommit) ? -1 : __real_kord_bulk_commit(bulk); }
 int __wrap_kord_view_create(const char* name) { return shouldFail(Call::kKordViewCreate) ? -1 : __real_kord_view_create(name); }
+// Weak: tests that do not link the bus library do without it.
+int __real_rill_invoke_ccmd(rill_conn_t*, rill_ccmd_t*, rill_reply_fn, void*) __attribute__((weak));
+int __wrap_rill_invoke_ccmd(rill_conn_t* conn, rill_ccmd_t* cmd, rill_reply_fn reply_fn, void* context) {
+  return shouldFail(Call::kBusRead) || !__real_rill_invoke_ccmd ? -1 : __real_rill_invoke_ccmd(conn, cmd, reply_fn, context);
+}
 }

@@ -264,6 +264,13 @@ TEST_F(BrokerTest, TheWriteLockIsHeldByOneClientAtATimeAndDiskReferencesAreCount
   EXPECT_NE(cs_decrementDiskRefcount(a, "Storage.Disk.1"), 0) << "none left to drop";
   EXPECT_EQ(ctl({"refcount", "Storage.Disk.1"}).out, "0\n");
   EXPECT_NE(cs_incrementDiskRefcount(a, "Storage.Disk.9"), 0);
+  // A stopped broker: the wait and its cancel give up, then calls fail unsent until the late answers come.
+  ::kill(broker_->pid(), SIGSTOP);
+  EXPECT_NE(rill_invoke_get_client_writelock(a, 1, -1), 0);
+  EXPECT_NE(cs_incrementDiskRefcount(a, "Storage.Disk.1"), 0);
+  ::kill(broker_->pid(), SIGCONT);
+  EXPECT_TRUE(waitFor([&] { return cs_incrementDiskRefcount(a, "Storage.Disk.1") == 0; }));
+  EXPECT_EQ(ctl({"refcount", "Storage.Disk.1"}).out, "1\n");
 }
 
 TEST_F(BrokerTest, StageWaitsAndTheLibraryEndWhenTheBrokerDies) {
@@ -280,9 +287,6 @@ TEST_F(BrokerTest, StageWaitsAndTheLibraryEndWhenTheBrokerDies) {
   result = -100;
   std::thread orphan([&] { result = wait_until_stage(72); });
   rill_conn_t* conn = connect("survivor");
-  subscribe(conn, {{"Storage.Disk", nullptr, RILL_SUBSCRIBE_OBJECTS}});
-  const int fd = rill_getnotifylistensocket(conn);
-  ASSERT_GE(fd, 0);
   EXPECT_EQ(ctl({"stage"}).out, "71\n");
   broker_->signal(SIGKILL);  // a broker that dies ends the wait, and the library fails cleanly
   orphan.join();
@@ -290,9 +294,6 @@ TEST_F(BrokerTest, StageWaitsAndTheLibraryEndWhenTheBrokerDies) {
   std::vector<Flat> items;
   EXPECT_NE(read(conn, "Storage.Disk", &items), 0);
   EXPECT_NE(set(conn, "VFS.MetaDataService", "ForceRescan", "1"), 0);
-  pollfd pfd{fd, POLLIN, 0};
-  ASSERT_EQ(::poll(&pfd, 1, 10000), 1) << "a lost connection wakes select()";
-  EXPECT_NE(rill_msg_parse(fd, conn), 0);
   EXPECT_EQ(rill_ctx_create_client_connection("late", 0), nullptr);
 }
 

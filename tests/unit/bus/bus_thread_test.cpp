@@ -163,18 +163,28 @@ TEST_F(BusThreadTest, SettledStorageIsChosenInTheSamePassAndOnlyUnscannedPartiti
   EXPECT_FALSE(model_->deadline());
 }
 
-// The thread gives up after five attempts, silently when it never connected.
-TEST_F(BusThreadTest, ConnectionsThatCannotBeMadeOrSubscriptionsRefusedAreTriedFiveTimes) {
-  makeThread();  // no broker at all
-  ::setenv("RILL_SOCKET", (sandbox_ / "none.sock").c_str(), 1);
-  EXPECT_EQ(passesUntilTheEnd(), 5);  // the start, then four attempts that did not end it
-  EXPECT_EQ(thread_->attempts(), 5);
-  EXPECT_EQ(syncBytes(), "");
-  ::setenv("RILL_SOCKET", (sandbox_ / "rill.sock").c_str(), 1);
-  startBroker(kGateway, 3);  // only three subscriptions allowed
-  makeThread();
-  passesUntilTheEnd();
-  EXPECT_EQ(thread_->attempts(), 5);
+// Only the stop ends the thread. Failing reads, a lost or absent broker: the disks go, the next attempt starts afresh.
+TEST_F(BusThreadTest, ConnectionsThatFailOrAreLostAreMadeAgainUntilTheStop) {
+  startBroker(kGateway);
+  makeThread(std::chrono::seconds(0));
+  failCalls(Call::kBusRead, 0, 5 * 6);  // five connections' disk and partition reads, three tries each
+  for (int pass = 0; pass < 7; ++pass) ASSERT_TRUE(thread_->step());
+  EXPECT_EQ(thread_->attempts(), 6);
+  pipe_.reportProfiling(1);
+  ASSERT_TRUE(thread_->step());  // published, settled, chosen
+  stopBroker();
+  EXPECT_EQ(passesUntilTheEnd(), 100) << "ended by itself";
+  EXPECT_THAT(mounts(), IsEmpty());
+  startBroker(kGateway);
+  pipe_.reportProfiling(1);  // still busy: told to the new broker
+  for (int pass = 0; pass < 2; ++pass) ASSERT_TRUE(thread_->step());  // connected, chosen again
+  EXPECT_THAT(history("VFS.MetaDataService", "MetaDataStorageStatus"), ElementsAre("OK"));
+  EXPECT_THAT(history("VFS.MetaDataService", "ProfilingStatus"), ElementsAre("Profiling"));
+  EXPECT_EQ(refcount("Storage.Disk.1") + refcount("Storage.Disk.2"), 2);
+  stopBroker();
+  ASSERT_TRUE(thread_->step());
+  running_ = 0;
+  EXPECT_FALSE(thread_->step());
   EXPECT_EQ(syncBytes(), "0");
 }
 
