@@ -185,7 +185,9 @@ int main(int argc, char** argv) {
       log.note(path, "is not a regular file: skipped");
       continue;
     }
-    const zibd::profile::Tags tags = reader.read(fd, st.st_size);
+    const size_t dot = path.rfind('.'), slash = path.rfind('/');
+    const std::string extension = dot != std::string::npos && dot > slash ? path.substr(dot + 1) : "";
+    const zibd::profile::Tags tags = reader.read(fd, st.st_size, extension);
     ::close(fd);
     ++profiled;
     if (tags.empty())

@@ -21,12 +21,14 @@ class MediaReader {
   MediaReader(const MediaReader&) = delete;
   MediaReader& operator=(const MediaReader&) = delete;
 
-  // The tags of the regular file open on fd (size bytes); none when the
-  // library does not know its format. Reads with pread, so fd's offset does
-  // not matter.
-  Tags read(int fd, long long size);
+  // The tags of the regular file open on fd (size bytes), whose name ends in
+  // "." and extension; none when the library does not know its format.
+  // Reads with pread, so fd's offset does not matter.
+  Tags read(int fd, long long size, const std::string& extension);
 
  private:
+  Tags parse(int fd, long long size);
+
   struct Library;
   std::unique_ptr<Library> library_;
 };

@@ -52,6 +52,8 @@ TEST_F(ProfileTest, StoresTheSampleTagsUnderAnyNameAndNothingForFilesItCannotRea
   labels[add("morning-light.mp3", std::string(251, 'n') + ".mp3")] = "name-of-255-bytes";
   labels[add("road-trip.ogg", "caf\xe9 \xff.ogg")] = "name-not-utf8";
   labels[add("tower.jpg", "two\nlines.jpg")] = "name-with-newline";
+  labels[add("morning-light.mp3", "song.mp4")] = "mp3-named-mp4";  // the extension's parser does not fit
+  labels[add("drawing.png", "drawing.jpg")] = "png-named-jpg";
   sandbox_.write("uuidmount/p1/damaged.avi", std::string(8192, 'x'));
   link(at("p1/damaged.avi"));
   ASSERT_EQ(::mkfifo(at("p1/fifo.mp4").c_str(), 0644), 0);  // opened, it would block a reader for ever
