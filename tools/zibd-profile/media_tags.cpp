@@ -126,6 +126,8 @@ struct MediaReader::Library {
 
 MediaReader::MediaReader(const std::string& parse_speed) : library_(std::make_unique<Library>()) {
   library_->info.Option(L"ParseSpeed", std::wstring(parse_speed.begin(), parse_speed.end()));
+  // Only raw values are read: no "/String" forms of every field for people.
+  library_->info.Option(L"ReadByHuman", L"0");
 }
 
 MediaReader::~MediaReader() = default;
