@@ -16,6 +16,7 @@ namespace {
 namespace mi = MediaInfoLib;
 
 constexpr size_t kChunk = 64 * 1024;
+constexpr int kMaxReads = 1 << 16;
 // MediaInfoLib's Open_Buffer_Continue result: bit 3 set once it needs no more.
 constexpr size_t kFinished = 0x08;
 // A JPEG's EXIF block is its APP1 segment, at most 64 KiB, near the start.
@@ -150,7 +151,8 @@ Tags MediaReader::parse(int fd, long long size) {
   info.Open_Buffer_Init(static_cast<ZenLib::int64u>(size), 0);
   static thread_local unsigned char buffer[kChunk];
   long long offset = 0;
-  for (;;) {
+  // A bound on the reads, for a file that keeps the library seeking back.
+  for (int reads = 0; reads < kMaxReads; ++reads) {
     const ssize_t n = ::pread(fd, buffer, sizeof buffer, offset);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
