@@ -78,6 +78,8 @@ die() { echo "minidlna_bench: $*" >&2; exit 1; }
 hz=$(getconf CLK_TCK)
 # CPU seconds of a process and of the children it has reaped.
 tree_cpu() { awk -v hz="$hz" '{ printf "%.2f", ($14 + $15 + $16 + $17) / hz }' "/proc/$1/stat"; }
+# The same, split: "own X s, children Y s".
+split_cpu() { awk -v hz="$hz" '{ printf "own %.2f s, children %.2f s", ($14 + $15) / hz, ($16 + $17) / hz }' "/proc/$1/stat"; }
 rss() { awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"; }
 now() { echo "$EPOCHREALTIME"; }
 since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.2f", b - a }'; }
@@ -177,7 +179,7 @@ run_zibd() {  # N ROUND
   wait_count 3600 "$n" profiled || die "zibd did not profile the corpus"
   rillctl wait VFS.MetaDataService.ProfilingStatus Ready 60 >/dev/null || die "zibd did not end its scan"
   cpu=$(tree_cpu "$zibd") wall=$(since "$start") rss=$(rss "$zibd")
-  echo "round $round, $n files: zibd     CPU $cpu s, wall $wall s from the first scan, $n profiled, RSS $rss kB (load $(load))"
+  echo "round $round, $n files: zibd     CPU $cpu s ($(split_cpu "$zibd")), wall $wall s from the first scan, $n profiled, RSS $rss kB (load $(load))"
   if ((n == ${sizes%% *})); then
     wait_watched "$zibd" "$part/Media"
     before=$(tree_cpu "$zibd")
@@ -222,7 +224,7 @@ run_minidlna() {  # N ROUND
   cpu=$(tree_cpu "$pid") wall=$(since "$start") rss=$(rss "$pid")
   count() { sqlite3 -readonly "$dir/db/files.db" ".timeout 2000" "SELECT COUNT(*) FROM DETAILS WHERE MIME IS NOT NULL"; }
   got=$(count)
-  echo "round $round, $n files: minidlna CPU $cpu s, wall $wall s from its start, $got indexed, RSS $rss kB (load $(load))"
+  echo "round $round, $n files: minidlna CPU $cpu s ($(split_cpu "$pid")), wall $wall s from its start, $got indexed, RSS $rss kB (load $(load))"
   if ((n == ${sizes%% *})); then
     wait_watched "$pid" "$dir/Media"
     before=$(tree_cpu "$pid")
