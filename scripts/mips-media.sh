@@ -9,7 +9,8 @@
 # with their headers in include/, source/ (the packages' upstream tarballs,
 # fetched once with `apt-get source --tar-only`) and stamp (the versions and a
 # hash of the recipe: this script, cmake/mips-media/ and the toolchain file;
-# a changed recipe rebuilds from source/). MediaInfoLib is built with its own
+# a changed recipe rebuilds from source/). On a first run it runs
+# scripts/setup.sh for the deb-src entries that apt-get source needs. MediaInfoLib is built with its own
 # CMake files, with ZenLib beside it and its bundled tinyxml2; zlib and libexif
 # with cmake/mips-media/. Compiled with -Os; it takes a few minutes on two cores.
 #
@@ -50,8 +51,14 @@ trap 'status=$?; if [ $status -ne 0 ]; then log "FAILED while $step (exit $statu
 
 packages=(libmediainfo libzen zlib libexif)
 tarball() { compgen -G "$cache/source/${1}_*.orig.tar.*" | head -n1; }
+prepared=0
 for package in "${packages[@]}"; do
   [ -z "$(tarball "$package")" ] || continue
+  if ((!prepared)); then
+    step="preparing the machine (scripts/setup.sh: deb-src entries, the cross compiler)"
+    scripts/setup.sh
+    prepared=1
+  fi
   step="fetching Debian's $package source (apt-get source --tar-only)"
   log "$step"
   mkdir -p "$cache/source"
