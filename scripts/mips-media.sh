@@ -9,10 +9,11 @@
 # with their headers in include/, source/ (the packages' upstream tarballs,
 # fetched once with `apt-get source --tar-only`) and stamp (the versions and a
 # hash of the recipe: this script, cmake/mips-media/ and the toolchain file;
-# a changed recipe rebuilds from source/). On a first run it runs
-# scripts/setup.sh for the deb-src entries that apt-get source needs. MediaInfoLib is built with its own
-# CMake files, with ZenLib beside it and its bundled tinyxml2; zlib and libexif
-# with cmake/mips-media/. Compiled with -Os; it takes a few minutes on two cores.
+# a changed recipe rebuilds from source/). Before its first fetch it runs
+# scripts/setup.sh for the deb-src entries that apt-get source needs.
+# MediaInfoLib is built with its own CMake files, with ZenLib beside it and its
+# bundled tinyxml2; zlib and libexif with cmake/mips-media/. Compiled with -Os;
+# it takes about ten minutes on two busy cores.
 #
 # scripts/build.sh mips builds zibd-profile for MIPS when this cache exists;
 # the test command does not build it.
