@@ -28,13 +28,12 @@ foreach(tool kordctl rillctl zibd-status)
   endif()
 endforeach()
 
-# The profilers: the compiled one when this tree has it, else the scripts of
-# sample/profilers (links kept as links).
+# The profiler the map names. A cross build has it only once its libraries
+# are built (scripts/mips-media.sh).
 if(TARGET zibd-profile)
   install(TARGETS zibd-profile RUNTIME DESTINATION ${ZIBD_PROFILER_DIR})
 else()
-  install(DIRECTORY ${CMAKE_SOURCE_DIR}/sample/profilers/ DESTINATION ${ZIBD_PROFILER_DIR}
-          USE_SOURCE_PERMISSIONS)
+  message(STATUS "zibd-profile is not built: the install leaves ${ZIBD_PROFILER_DIR} empty")
 endif()
 
 # The map, with its profilers where this prefix puts them.

@@ -13,8 +13,11 @@ if [ -n "${ZIBD_BUILD_DIR:-}" ]; then
   [ -f "$ZIBD_BUILD_DIR/CMakeCache.txt" ] ||
     { echo "run-sample.sh: $ZIBD_BUILD_DIR is not a configured build directory" >&2; exit 2; }
   targets=(zibd rilld rillctl kordctl)
-  # The status view, where the tree has it.
-  cmake --build "$ZIBD_BUILD_DIR" --target help | grep -q '^zibd-status:' && targets+=(zibd-status)
+  # The status view and the profiler, where the tree has them.
+  help=$(cmake --build "$ZIBD_BUILD_DIR" --target help)
+  for target in zibd-status zibd-profile; do
+    grep -q "^$target:" <<<"$help" && targets+=("$target")
+  done
   cmake --build "$ZIBD_BUILD_DIR" -j2 --target "${targets[@]}"
 else
   scripts/build.sh host

@@ -8,9 +8,9 @@
 # disk" (the managed one, with a Media directory), a FAT stick with a data
 # partition and a read-only one, and an NTFS disk, the last two mounted
 # through FUSE, filled with the small media files of sample/media. The bus
-# broker starts with sample/gateway.model, the profilers of sample/profilers
-# are put where sample/file-types.ini points (/usr/lib/zibd), and zibd runs
-# with that map.
+# broker starts with sample/gateway.model, the build's zibd-profile is put
+# where sample/file-types.ini points (/usr/lib/zibd), and zibd runs with that
+# map.
 #   --fast   zibd's clock runs ten times faster (libfaketime): the start-up
 #            pause of 60 s and the settle time of 30 s take 9 s together
 #   --shell  open a shell in the sandbox (rillctl, kordctl, zibd-status on
@@ -117,25 +117,30 @@ put evening-tide.flac "$ntfs/Videos/Музыка/Вечерний прилив.f
 put tower.jpg "$ntfs/Videos/写真/塔.jpg"
 mkdir -p "$ntfs/\$RECYCLE.BIN" "$ntfs/System Volume Information"
 
-# The profilers where the map points. /usr is the host's, bound into the
-# sandbox: an overlay with a tmpfs upper layer over /usr/lib makes room for
-# zibd's directory without touching the host. Where that fails the map is
-# copied with the profilers' paths rewritten, and that is said.
+# The profiler where the map points (/usr/lib/zibd/zibd-profile): the build's
+# zibd-profile (or ZIBD_PROFILE), linked from /run/zibd-lib, which is bound
+# there. /usr is the host's, bound into the sandbox: an overlay with a tmpfs
+# upper layer over /usr/lib makes room for zibd's directory without touching
+# the host. Where that fails the map is copied with the profiler's path
+# rewritten, and that is said.
 map=$repo/sample/file-types.ini
-profilers=$repo/sample/profilers
-install_profilers() {
+profile=${ZIBD_PROFILE:-$build/tools/zibd-profile/zibd-profile}
+[ -x "$profile" ] || { echo "sample-gateway.sh: zibd-profile not found at $profile (build it: scripts/build.sh host)" >&2; exit 1; }
+mkdir -p /run/zibd-lib
+ln -sf "$profile" /run/zibd-lib/zibd-profile
+install_profiler() {
   if [ ! -d /usr/lib/zibd ]; then
     mkdir -p /run/usr-lib/upper /run/usr-lib/work
     mount -t overlay sample-usr-lib \
       -o lowerdir=/usr/lib,upperdir=/run/usr-lib/upper,workdir=/run/usr-lib/work /usr/lib 2>/dev/null &&
       mkdir /usr/lib/zibd || return 1
   fi
-  mount --bind "$profilers" /usr/lib/zibd
+  mount --bind /run/zibd-lib /usr/lib/zibd
 }
-if ! install_profilers; then
-  sed "s#/usr/lib/zibd/#$profilers/#" "$map" >/run/file-types.ini
+if ! install_profiler; then
+  sed "s#/usr/lib/zibd/#/run/zibd-lib/#" "$map" >/run/file-types.ini
   map=/run/file-types.ini
-  say "cannot make /usr/lib/zibd here; zibd uses $map (the shipped map with the profilers in $profilers)"
+  say "cannot make /usr/lib/zibd here; zibd uses $map (the shipped map with the profiler in /run/zibd-lib)"
 fi
 
 broker=""
@@ -163,7 +168,7 @@ else
 fi
 
 say "disks under /var/uuidmount, bus at $RILL_SOCKET, events in $TOCK_EVENTS"
-say "profilers log to $ZIBD_PROFILER_LOG"
+say "the profiler logs to $ZIBD_PROFILER_LOG"
 "${zibd_env[@]}" zibd -t "$map" &
 daemon=$!
 

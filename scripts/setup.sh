@@ -12,8 +12,10 @@ packages=(
   dpkg-dev tcl
   libfaketime faketime
   util-linux mount procps
-  # The sample gateway: its disk images and its profilers' tools.
-  e2fsprogs dosfstools mediainfo exif jq
+  # The sample gateway's disk images.
+  e2fsprogs dosfstools
+  # zibd-profile, the shipped profiler: MediaInfoLib (with ZenLib) and libexif.
+  libmediainfo-dev libzen-dev libexif-dev
   # USB disks as gateways mount them, through FUSE (scripts/disks.sh): FAT,
   # NTFS, exFAT.
   fusefat ntfs-3g exfat-fuse exfatprogs

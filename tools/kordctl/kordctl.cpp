@@ -1,5 +1,5 @@
 // kordctl: reads and changes the tag database from the command line, through
-// the same library as the daemon (profilers use "set" and "del").
+// the same library as the daemon.
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
