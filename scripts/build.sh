@@ -24,8 +24,7 @@ case "$variant" in
   mips)
     # The target's SQLite, built once from Debian's source into a cache that
     # outlives the checkout (keyed on its recipe, so a changed recipe rebuilds).
-    sqlite=${ZIBD_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zibd}/mips-sqlite
-    scripts/mips-sqlite.sh "$sqlite"
+    sqlite=$(scripts/mips-sqlite.sh "${ZIBD_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zibd}/mips-sqlite")
     # Host programs beside it, for the tests that cross the byte order: kordctl
     # hands tag databases between the two (tests/system/kordctl_cross); rilld,
     # rillctl and kordctl serve the emulated zibd (tests/system/mips_road).

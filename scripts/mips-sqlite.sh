@@ -5,14 +5,16 @@
 #
 #   scripts/mips-sqlite.sh [CACHE]      (default: ~/.cache/zibd/mips-sqlite)
 #
-# Afterwards CACHE holds
-#   lib/libsqlite3.a     the library, compiled by mips-linux-gnu-gcc through
-#                        cmake/mips-linux-gnu.cmake (cmake/mips-sqlite/)
-#   include/sqlite3.h    its header
+# Prints the directory that holds the library. CACHE keeps
 #   source/              the downloaded source package (.dsc and tarballs)
-#   stamp                the package version and a hash of the recipe; when the
-#                        recipe (this script, cmake/mips-sqlite/, the toolchain
-#                        file) changes, the library is rebuilt from source/
+#   RECIPE/              one build per recipe (a hash of this script,
+#                        cmake/mips-sqlite/ and the toolchain file), so that
+#                        checkouts of different recipes share the cache without
+#                        undoing each other's build:
+#     lib/libsqlite3.a   the library, compiled by mips-linux-gnu-gcc through
+#                        cmake/mips-linux-gnu.cmake (cmake/mips-sqlite/)
+#     include/sqlite3.h  its header
+#     stamp              the package version and the recipe
 #
 # On a cache miss it runs scripts/setup.sh (deb-src entries, tclsh), fetches
 # the source with `apt-get source`, generates the amalgamation sqlite3.c with
@@ -29,13 +31,15 @@ die() { log "$*"; exit 1; }
 
 recipe=$(cat scripts/mips-sqlite.sh cmake/mips-sqlite/CMakeLists.txt cmake/mips-linux-gnu.cmake | sha256sum)
 recipe=${recipe%% *}
+prefix=$cache/${recipe:0:16}
 cached() {
-  [ -f "$cache/lib/libsqlite3.a" ] && [ -f "$cache/include/sqlite3.h" ] &&
-    [ -f "$cache/stamp" ] && grep -qx "recipe $recipe" "$cache/stamp"
+  [ -f "$prefix/lib/libsqlite3.a" ] && [ -f "$prefix/include/sqlite3.h" ] &&
+    [ -f "$prefix/stamp" ] && grep -qx "recipe $recipe" "$prefix/stamp"
 }
 
 if cached; then
-  log "using $(sed -n 's/^version //p' "$cache/stamp") from $cache"
+  log "using $(sed -n 's/^version //p' "$prefix/stamp") from $prefix"
+  echo "$prefix"
   exit 0
 fi
 
@@ -43,12 +47,13 @@ fi
 exec 9>"$cache/.lock"
 flock 9
 if cached; then
-  log "using $(sed -n 's/^version //p' "$cache/stamp") from $cache"
+  log "using $(sed -n 's/^version //p' "$prefix/stamp") from $prefix"
+  echo "$prefix"
   exit 0
 fi
 
 work="$cache/work"
-rm -rf "$work" "$cache/lib" "$cache/include" "$cache/stamp"
+rm -rf "$work" "$prefix"
 mkdir -p "$work"
 step=""
 trap 'status=$?; if [ $status -ne 0 ]; then log "FAILED while $step (exit $status); logs in $work"; fi' EXIT
@@ -56,7 +61,7 @@ trap 'status=$?; if [ $status -ne 0 ]; then log "FAILED while $step (exit $statu
 # The source package, fetched once.
 if ! compgen -G "$cache/source/sqlite3_*.dsc" >/dev/null; then
   step="preparing the machine (scripts/setup.sh)"
-  scripts/setup.sh
+  scripts/setup.sh >&2
   step="fetching Debian's sqlite3 source (apt-get source)"
   log "$step"
   rm -rf "$cache/source.part"
@@ -96,15 +101,16 @@ log "$step"
     -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/mips-linux-gnu.cmake" \
     -DZIBD_SQLITE_AMALGAMATION="$work/amalgamation" &&
   cmake --build "$work/build" -j"$(nproc)" &&
-  cmake --install "$work/build" --prefix "$cache"
+  cmake --install "$work/build" --prefix "$prefix"
 } >"$work/compile.log" 2>&1 ||
   { tail -n 30 "$work/compile.log" >&2; die "could not compile sqlite3.c for MIPS"; }
 
 step="checking the library"
 # Must be big-endian 32-bit MIPS objects.
-mips-linux-gnu-objdump -f "$cache/lib/libsqlite3.a" | grep -q 'file format elf32-tradbigmips' ||
-  die "$cache/lib/libsqlite3.a is not a big-endian 32-bit MIPS library"
+mips-linux-gnu-objdump -f "$prefix/lib/libsqlite3.a" | grep -q 'file format elf32-tradbigmips' ||
+  die "$prefix/lib/libsqlite3.a is not a big-endian 32-bit MIPS library"
 
-printf 'version %s\nrecipe %s\n' "$version" "$recipe" >"$cache/stamp"
+printf 'version %s\nrecipe %s\n' "$version" "$recipe" >"$prefix/stamp"
 rm -rf "$work"
-log "built sqlite3 $version into $cache"
+log "built sqlite3 $version into $prefix"
+echo "$prefix"
