@@ -1,26 +1,22 @@
 #include "bus/notification_handler.h"
 
-#include <memory>
 #include <optional>
 
+#include "common/tag_names.h"
 #include "platform/dynstr.h"
 #include "platform/kord.h"
+#include "scan/kord_bulk.h"
 
 namespace zibd {
 namespace {
 
 constexpr char kMetadataService[] = "VFS.MetaDataService";
-constexpr char kInvisibleTag[] = ".s.invisible";
 
 std::optional<std::string> text(const dynstr_t* value) {
   const char* s = dynstr_getstring(value);
   if (!s) return std::nullopt;
   return std::string(s);
 }
-
-struct BulkCloser {
-  void operator()(kord_bulk_t* handle) const noexcept { kord_bulk_fini(handle); }
-};
 
 }  // namespace
 
@@ -135,21 +131,21 @@ int NotificationHandler::managed(const rill_cmddata_t* item) {
 
 void NotificationHandler::setInvisible(const std::optional<std::string>& hidden,
                                        const std::optional<std::string>& shown) {
-  std::unique_ptr<kord_bulk_t, BulkCloser> bulk(kord_bulk_init());
+  KordBulk bulk(kord_bulk_init());
   if (!bulk) return;
   if (hidden) {
     // Everything on the managed disk is hidden from the media server except
     // its Media directory.
     const std::string media = *hidden + "/Media";
     if (kord_bulk_setpath(bulk.get(), hidden->c_str()) == 0 &&
-        kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "1") == 0 &&
+        kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "1") == 0 &&
         kord_bulk_setpath(bulk.get(), media.c_str()) == 0 &&
-        kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "0") == 0)
+        kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "0") == 0)
       kord_bulk_commit(bulk.get());
   }
   if (shown) {
     if (kord_bulk_setpath(bulk.get(), shown->c_str()) == 0 &&
-        kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "0") == 0)
+        kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "0") == 0)
       kord_bulk_commit(bulk.get());
   }
 }
@@ -180,7 +176,6 @@ void NotificationHandler::indexRule(int type, const rill_cmddata_t* item) {
         // "Enable" and "Status" write the same flag: the later one decides.
         if (*name == "Enable") rule.enabled = valueChangeBoolean(value->c_str()) ? 1 : 0;
         else if (*name == "Status") rule.enabled = *value == "Up" ? 1 : 0;
-        else if (*name == "PartitionName") rule.partition_name = *value;
         else if (*name == "EnableMovie") setBit(kCategoryMovies);
         else if (*name == "EnableMusic") setBit(kCategoryMusic);
         else if (*name == "EnablePicture") setBit(kCategoryPictures);

@@ -59,7 +59,6 @@ void Daemon::shutdown() {
   watch_requests.fsStopWatcher();
   // Stop the bus thread's loop (nowhere once it has ended by itself).
   bus_control.stop();
-  (void)watch_table.fsCloseWatch();
   type_map.clear();
   // Whatever was queued meanwhile is dropped. The wake ends a take that began
   // before the running flag was cleared (the loop may end on a failed wait).

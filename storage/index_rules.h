@@ -6,14 +6,9 @@
 #include <cstdint>
 #include <string>
 
-namespace zibd {
+#include "common/tag_names.h"
 
-// Category bits of a rule.
-enum RuleCategory : uint32_t {
-  kCategoryMovies = 1,
-  kCategoryMusic = 2,
-  kCategoryPictures = 4,
-};
+namespace zibd {
 
 class IndexRules {
  public:

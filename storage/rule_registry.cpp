@@ -40,8 +40,6 @@ extern "C" int readRule(rill_reply_t* reply, void* context) {
         rule.enabled = dynstr_strcmp2(value, "Up") == 0 ? 1 : 0;
       } else if (::strstr(name, "UUID")) {
         if (value) rule.uuid = copyOf(value);
-      } else if (::strstr(name, "PartitionName")) {
-        if (value) rule.partition_name = copyOf(value);
       } else if (::strstr(name, "DirectoryName")) {
         if (value) rule.directory_name = copyOf(value);
       } else {

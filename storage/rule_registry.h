@@ -24,7 +24,6 @@ struct IndexRule {
   uint32_t enabled = 0;                   // "Status" is "Up"
   std::optional<std::string> path;        // root + "/" + uuid + "/" + directory
   std::optional<std::string> uuid;        // "UUID"
-  std::optional<std::string> partition_name;  // "PartitionName"
   std::optional<std::string> directory_name;  // "DirectoryName"
   std::string object_path;                // e.g. ContentSharing.UPnPAV.IndexRules.3
   uint32_t categories = 0;                // RuleCategory bits

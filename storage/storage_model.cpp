@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "common/walk.h"
 #include "platform/cs.h"
 #include "platform/dynstr.h"
 #include "storage/reply_items.h"
@@ -133,10 +134,6 @@ int32_t stPartitionIndex(const char* path, int32_t* disk_index) {
 }
 
 std::string stDiskObjectPath(int32_t index) { return kDiskPrefix + std::to_string(index); }
-
-bool pathIsUnder(const std::string& path, const std::string& base) {
-  return path.compare(0, base.size(), base) == 0 && (path.size() == base.size() || path[base.size()] == '/');
-}
 
 StorageModel::StorageModel(WatchRequests& watches, ScannerControl& scanner, StorageConfig config)
     : watches_(watches), scanner_(scanner), config_(std::move(config)) {}
@@ -293,7 +290,7 @@ bool StorageModel::pathIsOnPartition(const std::string& path) const {
   MutexLock hold(storage_lock);
   for (const Disk& disk : disks)
     for (const Partition& partition : disk.partitions)
-      if (pathIsUnder(path, partition.mount_path)) return true;
+      if (fsPathIsUnder(partition.mount_path.c_str(), path.c_str())) return true;
   return false;
 }
 
@@ -309,7 +306,7 @@ void StorageModel::sendChangeEvent(const std::string& path) {
   MutexLock hold(storage_lock);
   for (const Disk& disk : disks)
     for (const Partition& partition : disk.partitions)
-      if (pathIsUnder(path, partition.mount_path)) {
+      if (fsPathIsUnder(partition.mount_path.c_str(), path.c_str())) {
         if (partition.events)
           tock_event(partition.events.get(), path.c_str() + partition.mount_path.size(), 2);
         return;

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "common/mutex.h"
+#include "common/tag_names.h"
 #include "platform/rill.h"
 #include "platform/tock.h"
 #include "storage/scanner_control.h"
@@ -37,7 +38,7 @@ struct StorageConfig {
   std::string root = "/var/uuidmount";                 // below it lie every partition's mounts
   std::string kord_ini = "/tmp/.kord/kord.ini";        // tells the tag store where its database is
   std::string location = "/rw/zib_metadata_location";  // the chosen mount path, kept across restarts
-  std::string update_signal = "/var/kord/meta/.update";  // opened after each change of kord_ini
+  std::string update_signal = kKordUpdateSignal;        // opened after each change of kord_ini
   std::chrono::milliseconds read_retry_pause{1000};    // after each failed disk or partition read
   std::chrono::seconds settle_delay{30};               // from the last disk or partition change to the choice
 };
@@ -101,9 +102,6 @@ inline constexpr int kMissingReply = 290820;
 int32_t stDiskIndex(const char* path, const char** end);
 int32_t stPartitionIndex(const char* path, int32_t* disk_index);
 std::string stDiskObjectPath(int32_t index);
-
-// True when path equals base or continues it with "/".
-bool pathIsUnder(const std::string& path, const std::string& base);
 
 class StorageModel final : public StorageQueries {
  public:

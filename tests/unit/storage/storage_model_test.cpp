@@ -132,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, ChoiceTest, ::testing::ValuesIn(kChoiceCases),
                          [](const ::testing::TestParamInfo<ChoiceCase>& param) { return std::string(param.param.name); });
 
 IndexRule rule(const std::string& object, std::optional<std::string> dir, uint32_t categories, uint32_t enabled = 1) {
-  return {.enabled = enabled, .path = {}, .uuid = "ab", .partition_name = {}, .directory_name = dir,
+  return {.enabled = enabled, .path = {}, .uuid = "ab", .directory_name = dir,
           .object_path = object, .categories = categories};
 }
 
@@ -162,7 +162,6 @@ TEST_F(StorageTest, RulesAreReadFromTheBusResolvedThroughLinksAndCountOnlyStrict
   ASSERT_TRUE(first);
   EXPECT_EQ(first->enabled, 1u);
   EXPECT_EQ(first->path, root_ + "/link/Media");
-  EXPECT_EQ(first->partition_name, "Family disk");
   EXPECT_EQ(first->categories, kCategoryMovies | kCategoryMusic);
   EXPECT_EQ(rules.stFindRule(rule2)->enabled, 0u);
   sandbox_.mkdirs("uuidmount/real/Media");
