@@ -78,15 +78,28 @@ void BusThread::join() {
 }
 
 void BusThread::run() noexcept {
+  while (state_ != State::kDone) {
+    try {
+      while (step()) {
+      }
+    } catch (...) {
+      abandonStep();
+    }
+  }
+}
+
+// A step that threw carries on as a lost connection would (docs/code-map.md):
+// the connection is given up and made again after the pause. Before the
+// first connection the start-up wait is made again.
+void BusThread::abandonStep() noexcept {
   try {
-    while (step()) {
-    }
+    if (conn_) return endConnection();
+    if (state_ == State::kStarting) return;
+    if (pause(timing_.retry_pause)) state_ = State::kConnecting;
+    else leave();
   } catch (...) {
-    // Out of memory on the bus thread: give the bus up and end.
-    if (state_ != State::kDone) {
-      if (conn_) releaseConnection();
-      leave();
-    }
+    // Failing again while giving the bus up: the thread ends as on a stop.
+    leave();
   }
 }
 
