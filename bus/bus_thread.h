@@ -27,8 +27,8 @@
 #include "bus/notification_handler.h"
 #include "bus/profiling_status.h"
 #include "common/file_descriptor.h"
-#include "scan/scan_requests.h"
 #include "storage/rule_registry.h"
+#include "storage/scan_requests.h"
 #include "storage/storage_model.h"
 
 namespace zibd {

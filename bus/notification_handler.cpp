@@ -67,13 +67,8 @@ int NotificationHandler::forceRescan(const rill_cmddata_t* item) {
   long value = 0;
   const int result = dynstr_getlong(rill_cmddata_value_get(item), &value);
   if (result != 0 || value != 1) return result;
-  const std::string& root = storage_.config().root;
-  if (storage_.stStorageReady()) scans_.enqueue(root, kScanStorageRoot);
-  MutexLock hold(storage_.storage_lock);
-  if (storage_.stStorageReady())
-    for (const Disk& disk : storage_.disks)
-      for (const Partition& partition : disk.partitions) scans_.enqueue(partition.mount_path, kScanForcedRescan);
-  (void)storage_.stSetBusValue(kMetadataService, "ForceRescan", "0");
+  storage_.queueForcedRescan(scans_);
+  (void)storage_.setBusValue(kMetadataService, "ForceRescan", "0");
   return result;
 }
 
@@ -90,10 +85,7 @@ void NotificationHandler::partitions(int type, const std::string& path) {
   if (type == RILL_EVENT_OBJECT_ADDED) {
     storage_.stAddPartition(path);
   } else if (type == RILL_EVENT_OBJECT_REMOVED) {
-    MutexLock hold(storage_.storage_lock);
-    Disk* disk = nullptr;
-    if (Partition* partition = storage_.stFindPartition(path.c_str(), &disk))
-      storage_.stRemovePartition(*disk, *partition);
+    storage_.removePartition(path);
   }
 }
 
@@ -102,29 +94,11 @@ int NotificationHandler::managed(const rill_cmddata_t* item) {
   const int result = dynstr_getlong(rill_cmddata_value_get(item), &value);
   if (result != 0) return result;
   const std::optional<std::string> path = text(rill_cmddata_path_get(item));
-  std::optional<std::string> now_managed, no_longer_managed;
-  {
-    MutexLock hold(storage_.storage_lock);
-    Disk* disk = nullptr;
-    Partition* partition = path ? storage_.stFindPartition(path->c_str(), &disk) : nullptr;
-    if (partition) {
-      if (value != 0 && partition->managed == 0) now_managed = partition->mount_path;
-      if (value == 0 && partition->managed != 0) no_longer_managed = partition->mount_path;
-      partition->managed = value != 0 ? 1 : 0;
-    }
-    // At most one partition is the managed disk.
-    if (value != 0)
-      for (Disk& d : storage_.disks)
-        for (Partition& other : d.partitions)
-          if (&other != partition && other.managed) {
-            other.managed = 0;
-            no_longer_managed = other.mount_path;
-          }
-  }
-  if (!now_managed && !no_longer_managed) return result;
+  const StorageModel::ManagedChange change = storage_.setManaged(path.value_or(""), value != 0);
+  if (!change.now_managed && !change.no_longer_managed) return result;
   const bool switched = !profiling_.busy();
   if (switched) profiling_.set(1);
-  setInvisible(now_managed, no_longer_managed);
+  setInvisible(change.now_managed, change.no_longer_managed);
   if (switched) profiling_.set(0);
   return result;
 }

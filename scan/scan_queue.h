@@ -23,7 +23,7 @@
 #include "common/file_descriptor.h"
 #include "common/mutex.h"
 #include "scan/scan_reports.h"
-#include "scan/scan_requests.h"
+#include "storage/scan_requests.h"
 #include "storage/storage_queries.h"
 
 namespace zibd {

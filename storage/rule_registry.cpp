@@ -8,13 +8,12 @@
 
 #include "platform/cs.h"
 #include "platform/dynstr.h"
+#include "storage/bus_retry.h"
 #include "storage/reply_items.h"
 #include "storage/storage_model.h"
 
 namespace zibd {
 namespace {
-
-constexpr int kReadAttempts = 3;
 
 struct ReadContext {
   RuleRegistry* registry;
@@ -94,13 +93,9 @@ void RuleRegistry::stResolveRulePaths() {
 int RuleRegistry::stReadRule(rill_conn_t* connection, const std::string& object_path) {
   ReadContext context{this, &object_path};
   int error = 0;
-  int result = 0;
-  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
-    result = cs_find_parameters_of_obj_instances(connection, object_path.c_str(), 0, 2, readRule, &context,
-                                                 &error);
-    if (result == 0) break;
-  }
-  return result;
+  return retryBusCall([&] {
+    return cs_find_parameters_of_obj_instances(connection, object_path.c_str(), 0, 2, readRule, &context, &error);
+  });
 }
 
 void RuleRegistry::stAddRule(IndexRule rule) {

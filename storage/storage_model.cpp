@@ -8,19 +8,18 @@
 #include <cstdio>
 #include <limits>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "common/walk.h"
 #include "platform/cs.h"
 #include "platform/dynstr.h"
+#include "storage/bus_retry.h"
 #include "storage/reply_items.h"
 
 namespace zibd {
 namespace {
 
 constexpr char kDiskPrefix[] = "Storage.Disk.";
-constexpr int kBusAttempts = 3;
 // ".Partition." between the disk number and the partition number.
 constexpr size_t kPartitionInfixLength = 11;
 
@@ -165,12 +164,12 @@ Partition* StorageModel::stFindPartition(const char* path, Disk** disk_out) {
 void StorageModel::stAddDisk(const std::string& object_path) {
   uint32_t capacity = 0;
   int error = 0;
-  for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-    if (cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stCapacityReader,
-                                            &capacity, &error) == 0)
-      break;
-    std::this_thread::sleep_for(config_.read_retry_pause);
-  }
+  (void)retryBusCall(
+      [&] {
+        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stCapacityReader,
+                                                   &capacity, &error);
+      },
+      config_.read_retry_pause);
   if (error != 0) return;
   MutexLock hold(storage_lock);
   const int32_t index = stDiskIndex(object_path.c_str(), nullptr);
@@ -183,12 +182,12 @@ void StorageModel::stAddDisk(const std::string& object_path) {
 void StorageModel::stAddPartition(const std::string& object_path) {
   PartitionParameters params;
   int error = 0;
-  for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-    if (cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stPartitionReader,
-                                            &params, &error) == 0)
-      break;
-    std::this_thread::sleep_for(config_.read_retry_pause);
-  }
+  (void)retryBusCall(
+      [&] {
+        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stPartitionReader,
+                                                   &params, &error);
+      },
+      config_.read_retry_pause);
   // A partition whose mount point does not resolve cannot be watched or
   // chosen, nor one whose path holds a control character: it is not recorded.
   if (error != 0 || !params.status || !params.mount_path || holdsControlCharacter(*params.mount_path)) return;
@@ -210,12 +209,8 @@ void StorageModel::stAddPartition(const std::string& object_path) {
   partition.disk = disk;
   if (disk->refcount == 0) {
     const std::string disk_path = stDiskObjectPath(disk->index);
-    for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-      if (cs_incrementDiskRefcount(connection(), disk_path.c_str()) == 0) {
-        disk->refcount = 1;
-        break;
-      }
-    }
+    if (retryBusCall([&] { return cs_incrementDiskRefcount(connection(), disk_path.c_str()); }) == 0)
+      disk->refcount = 1;
   }
   const char* mount = partition.mount_path.c_str();
   partition.events.reset(tock_init(mount + 1, mount, 0, 0, 0));
@@ -235,12 +230,8 @@ void StorageModel::stRemovePartition(Disk& disk, Partition& partition) {
 void StorageModel::stReleaseDisk(Disk& disk) {
   if (disk.refcount == 0) return;
   const std::string disk_path = stDiskObjectPath(disk.index);
-  for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-    if (cs_decrementDiskRefcount(connection(), disk_path.c_str()) == 0) {
-      --disk.refcount;
-      return;
-    }
-  }
+  if (retryBusCall([&] { return cs_decrementDiskRefcount(connection(), disk_path.c_str()); }) == 0)
+    --disk.refcount;
 }
 
 void StorageModel::stFreeDisk(Disk& disk) {
@@ -274,6 +265,70 @@ Partition* StorageModel::findByMountPath(const std::string& mount_path) {
     for (Partition& partition : disk.partitions)
       if (partition.mount_path == mount_path) return &partition;
   return nullptr;
+}
+
+void StorageModel::removePartition(const std::string& object_path) {
+  MutexLock hold(storage_lock);
+  Disk* disk = nullptr;
+  if (Partition* partition = stFindPartition(object_path.c_str(), &disk)) stRemovePartition(*disk, *partition);
+}
+
+bool StorageModel::hasPartitionAt(const std::string& mount_path) const {
+  MutexLock hold(storage_lock);
+  for (const Disk& disk : disks)
+    for (const Partition& partition : disk.partitions)
+      if (partition.mount_path == mount_path) return true;
+  return false;
+}
+
+StorageModel::ManagedChange StorageModel::setManaged(const std::string& object_path, bool managed) {
+  ManagedChange change;
+  MutexLock hold(storage_lock);
+  Disk* disk = nullptr;
+  Partition* partition = stFindPartition(object_path.c_str(), &disk);
+  if (partition) {
+    if (managed && partition->managed == 0) change.now_managed = partition->mount_path;
+    if (!managed && partition->managed != 0) change.no_longer_managed = partition->mount_path;
+    partition->managed = managed ? 1 : 0;
+  }
+  if (managed)
+    for (Disk& d : disks)
+      for (Partition& other : d.partitions)
+        if (&other != partition && other.managed) {
+          other.managed = 0;
+          change.no_longer_managed = other.mount_path;
+        }
+  return change;
+}
+
+void StorageModel::queueUnscannedPartitions(ScanRequests& scans) {
+  MutexLock hold(storage_lock);
+  for (const Disk& disk : disks)
+    for (const Partition& partition : disk.partitions)
+      if (!partition.scanned) scans.enqueue(partition.mount_path, kScanRuleDirectory);
+}
+
+void StorageModel::queueForcedRescan(ScanRequests& scans) {
+  if (stStorageReady()) scans.enqueue(config_.root, kScanStorageRoot);
+  MutexLock hold(storage_lock);
+  if (!stStorageReady()) return;
+  for (const Disk& disk : disks)
+    for (const Partition& partition : disk.partitions) scans.enqueue(partition.mount_path, kScanForcedRescan);
+}
+
+int StorageModel::setBusValue(const char* object, const char* parameter, const char* value) {
+  MutexLock hold(storage_lock);
+  return stSetBusValue(object, parameter, value);
+}
+
+void StorageModel::setStorageStatus(int status) {
+  MutexLock hold(storage_lock);
+  stSetStorageStatus(status);
+}
+
+void StorageModel::visitDisks(const std::function<void(const Disk&)>& visit) const {
+  MutexLock hold(storage_lock);
+  for (const Disk& disk : disks) visit(disk);
 }
 
 void StorageModel::stMarkScanned(const std::string& mount_path) {

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -26,6 +27,7 @@
 #include "common/tag_names.h"
 #include "platform/rill.h"
 #include "platform/tock.h"
+#include "storage/scan_requests.h"
 #include "storage/scanner_control.h"
 #include "storage/storage_queries.h"
 #include "storage/watch_requests.h"
@@ -112,38 +114,46 @@ class StorageModel final : public StorageQueries {
 
   const StorageConfig& config() const { return config_; }
 
-  // The storage lock (stLock/stUnlock): guards the disk and partition lists
-  // and serialises writes on the bus.
-  mutable Mutex storage_lock;
-  std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
-
   // The bus connection while one is open (set and reset by the bus thread).
   void setConnection(rill_conn_t* connection) { connection_.store(connection); }
   rill_conn_t* connection() const { return connection_.load(); }
 
-  // Lookups; the caller holds the storage lock.
-  Disk* stFindDisk(int32_t index) REQUIRES(storage_lock);
-  Partition* stFindPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
-  // The first partition mounted exactly at mount_path, or null.
-  Partition* findByMountPath(const std::string& mount_path) REQUIRES(storage_lock);
-
   // List operations; bus thread.
   void stAddDisk(const std::string& object_path) EXCLUDES(storage_lock);
   void stAddPartition(const std::string& object_path) EXCLUDES(storage_lock);
-  void stRemovePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
-  void stReleaseDisk(Disk& disk) REQUIRES(storage_lock);
-  void stFreeDisk(Disk& disk) REQUIRES(storage_lock);
+  // Removes the partition of the object "Storage.Disk.<d>.Partition.<p>", if
+  // recorded.
+  void removePartition(const std::string& object_path) EXCLUDES(storage_lock);
   void stRemoveDisk(const std::string& object_path, bool release) EXCLUDES(storage_lock);
   // At the end of a connection: removes every partition of every disk,
   // releases each disk's reference and frees it.
   void stReleaseAllDisks() EXCLUDES(storage_lock);
   // Sets the scanned flag of the first partition mounted exactly at path.
   void stMarkScanned(const std::string& mount_path) EXCLUDES(storage_lock);
+  // True when a partition is mounted exactly at mount_path.
+  bool hasPartitionAt(const std::string& mount_path) const EXCLUDES(storage_lock);
 
-  // The one write of a value on the bus; 0 on success, -1 without connection.
-  int stSetBusValue(const char* object, const char* parameter, const char* value)
-      REQUIRES(storage_lock);
-  void stSetStorageStatus(int status) REQUIRES(storage_lock);
+  // The managed flag ("Manageddisk") of the partition of object_path moves:
+  // set, it is taken from every other partition (at most one is managed).
+  // What changed, by mount path.
+  struct ManagedChange {
+    std::optional<std::string> now_managed;
+    std::optional<std::string> no_longer_managed;
+  };
+  ManagedChange setManaged(const std::string& object_path, bool managed) EXCLUDES(storage_lock);
+
+  // Scan requests, queued under the storage lock (the scan queue's mutex
+  // comes after it). Every partition not yet reported scanned, as kind 1:
+  void queueUnscannedPartitions(ScanRequests& scans) EXCLUDES(storage_lock);
+  // "ForceRescan": the storage root (kind 3) and every partition (kind 2),
+  // while a metadata storage is chosen.
+  void queueForcedRescan(ScanRequests& scans) EXCLUDES(storage_lock);
+
+  // The one write of a value on the bus, under the storage lock; 0 on
+  // success, -1 without connection.
+  int setBusValue(const char* object, const char* parameter, const char* value) EXCLUDES(storage_lock);
+  // Publishes the status when it changes; a new choice is scanned again.
+  void setStorageStatus(int status) EXCLUDES(storage_lock);
   int storageStatus() const { return status_.load(); }
   bool stStorageReady() const { return status_.load() == kStorageOk; }
   bool initialScanDone() const { return initial_scan_done_.load() != 0; }
@@ -154,13 +164,14 @@ class StorageModel final : public StorageQueries {
   void disarmDeadline() { deadline_.reset(); }
 
   bool stIsSuitable(const Partition& partition, bool existing_database_only) const;
-  void stSelectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
   // The selection run when the deadline expires with status "NoSuitableDisk":
   // remembered location, then first existing database, then the best new
   // place. True when a partition was selected.
   bool stChooseMetadataStorage() EXCLUDES(storage_lock);
   // Mount paths of the partitions removed since the last call.
   std::vector<std::string> takeRemovedPartitions() EXCLUDES(storage_lock);
+  // Calls visit for each disk, newest first, under the storage lock (tests).
+  void visitDisks(const std::function<void(const Disk&)>& visit) const EXCLUDES(storage_lock);
 
   // StorageQueries.
   bool storageReady() const override { return stStorageReady(); }
@@ -170,6 +181,21 @@ class StorageModel final : public StorageQueries {
   void markInitialScanDone() override { initial_scan_done_.store(1); }
 
  private:
+  // The storage lock: guards the disk and partition lists and serialises
+  // writes on the bus.
+  mutable Mutex storage_lock;
+  std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
+
+  Disk* stFindDisk(int32_t index) REQUIRES(storage_lock);
+  Partition* stFindPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
+  // The first partition mounted exactly at mount_path, or null.
+  Partition* findByMountPath(const std::string& mount_path) REQUIRES(storage_lock);
+  void stRemovePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
+  void stReleaseDisk(Disk& disk) REQUIRES(storage_lock);
+  void stFreeDisk(Disk& disk) REQUIRES(storage_lock);
+  int stSetBusValue(const char* object, const char* parameter, const char* value) REQUIRES(storage_lock);
+  void stSetStorageStatus(int status) REQUIRES(storage_lock);
+  void stSelectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
   void loseMetadata() REQUIRES(storage_lock);
   void signalTagStore() const;
   bool selectIfSuitable(Partition* partition, bool existing_database_only) REQUIRES(storage_lock);

@@ -8,7 +8,7 @@
 
 #include "bus/bus_thread.h"
 #include "bus/control_pipe.h"
-#include "scan/scan_requests.h"
+#include "storage/scan_requests.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/wait_for.h"
 #include "tests/unit/storage/storage_fixture.h"

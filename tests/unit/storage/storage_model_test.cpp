@@ -52,10 +52,7 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferenc
   EXPECT_EQ(refcount("Storage.Disk.1"), 1);
   EXPECT_TRUE(model_->deadline().has_value());
   EXPECT_FALSE(model_->managedPartitionPath());
-  {
-    MutexLock hold(model_->storage_lock);
-    model_->disks.front().partitions.back().managed = 1;
-  }
+  EXPECT_EQ(model_->setManaged("Storage.Disk.1.Partition.1", true).now_managed, a);
   EXPECT_EQ(model_->managedPartitionPath(), a);
   // A change event goes out through the partition the path lies on, if any.
   model_->sendChangeEvent(a + "/Media/film.mkv");
@@ -109,9 +106,9 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
   EXPECT_THAT(sandbox_.read("kord.ini"),
               ::testing::MatchesRegex("dms-metadata-db-[0-9]+:" + root_ + ":" + chosen + "/\\.kord/tagdb\n"));
   EXPECT_THAT(history("VFS.MetaDataService", "MetaDataStorageStatus"), ElementsAre("OK"));
-  MutexLock hold(model_->storage_lock);
-  for (const Disk& disk : model_->disks)
+  model_->visitDisks([&](const Disk& disk) {
     EXPECT_EQ(disk.holds_metadata, !disk.partitions.empty() && disk.partitions.front().mount_path == chosen ? 1u : 0u) << disk.index;
+  });
 }
 
 // More KB than an unsigned long holds, or 4 TiB (over 32 bits), are plenty everywhere; text is none.

@@ -1,6 +1,6 @@
-// Where scan requests go: the scan request queue implements it. The bus
-// thread (kinds 1, 2, 3) and the filesystem change handling (kinds 0, 4) queue
-// through it; their unit tests use fakes.
+// Where scan requests go: the scan request queue (scan/) implements it. The
+// bus thread and the storage model (kinds 1, 2, 3) and the filesystem change
+// handling (kinds 0, 4) queue through it; their unit tests use fakes.
 #pragma once
 
 #include <cstdint>
