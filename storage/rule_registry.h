@@ -4,8 +4,7 @@
 //
 // Threads: the bus thread reads, adds, changes and removes rules; the scanner
 // thread asks for categories and resolves the paths. The registry's own mutex
-// guards the list; it is never held while anything else is called, so it
-// stands outside every other lock.
+// guards the list and is held around nothing else (docs/code-map.md).
 #pragma once
 
 #include <cstdint>

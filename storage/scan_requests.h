@@ -24,7 +24,7 @@ class ScanRequests {
 
   // Queues path (normalised with realpath; dropped when it does not resolve
   // or while no metadata storage is chosen). Any thread; the storage lock may
-  // be held (it is always taken before the queue's own mutex).
+  // be held (docs/code-map.md).
   virtual void enqueue(const std::string& path, uint32_t kind) = 0;
 };
 

@@ -6,9 +6,9 @@
 // partitions, chooses the metadata storage and publishes its status); the
 // scanner, watcher and main threads only ask questions (StorageQueries).
 //
-// Lock order: storage_lock is taken before the scan queue's mutex, never after
-// it. It is held while a value is written on the bus and while the scanner is
-// asked to stop (ScannerControl), which never takes it while it is waited for.
+// The storage lock is the first in the daemon's lock order
+// (docs/code-map.md). It is held while a value is written on the bus, while
+// scans are queued and while the scanner is asked to stop (ScannerControl).
 #pragma once
 
 #include <sys/time.h>

@@ -4,9 +4,8 @@
 // on the main thread looks descriptors up, follows directory moves in the
 // trie and adds or removes single directories.
 //
-// Lock order: the table's mutex is never held together with the watch request
-// queue's (watch/watch_request_queue.h), and never across a call out of this
-// file other than inotify_add_watch.
+// Lock order: docs/code-map.md. The table's mutex is never held across a call
+// out of this file other than inotify_add_watch.
 #pragma once
 
 #include <atomic>
