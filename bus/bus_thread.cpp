@@ -160,7 +160,7 @@ bool BusThread::takeMessages(bool* stop) {
         pending = 1;
         break;
       case kControlPartitionScanned:
-        if (message->path) storage_.stMarkScanned(*message->path);
+        if (message->path) storage_.markScanned(*message->path);
         break;
       default:
         break;
@@ -237,11 +237,11 @@ void BusThread::connect() {
   subscribed_ = false;
   std::vector<std::string> paths;
   if (readAll("Storage.Disk", stObjectPathCollector, &paths))
-    for (const std::string& path : paths) storage_.stAddDisk(path);
+    for (const std::string& path : paths) storage_.addDisk(path);
   if (!readAll("Storage.*.Partition", stObjectPathCollector, &paths)) return endConnection();
-  for (const std::string& path : paths) storage_.stAddPartition(path);
+  for (const std::string& path : paths) storage_.addPartition(path);
   if (!readAll("ContentSharing.UPnPAV.IndexRules", stRuleCollector, &paths)) return endConnection();
-  for (const std::string& path : paths) rules_.stReadRule(conn_, path);
+  for (const std::string& path : paths) rules_.readRule(conn_, path);
   if (!subscribe()) return endConnection();
   subscribed_ = true;
   socket_ = rill_getnotifylistensocket(conn_);
@@ -269,10 +269,10 @@ void BusThread::loopOnce() {
 }
 
 void BusThread::expire() {
-  const bool was_ready = storage_.stStorageReady();
-  if (storage_.storageStatus() == kNoSuitableDisk) storage_.stChooseMetadataStorage();
+  const bool was_ready = storage_.storageReady();
+  if (storage_.storageStatus() == kNoSuitableDisk) storage_.chooseMetadataStorage();
   std::vector<std::string> removed = storage_.takeRemovedPartitions();
-  if (storage_.stStorageReady()) {
+  if (storage_.storageReady()) {
     if (was_ready) {
       for (const std::string& path : removed)
         if (!storage_.hasPartitionAt(path)) (void)kord_delete(path.c_str());
@@ -287,7 +287,7 @@ void BusThread::releaseConnection() {
   if (subscribed_) {
     int result = 0;
     (void)cs_unsubscribe_events(conn_, ids_.data(), kSubscriptionCount, &result);
-    storage_.stReleaseAllDisks();
+    storage_.releaseAllDisks();
     subscribed_ = false;
   }
   rill_invoke_unregister(conn_);

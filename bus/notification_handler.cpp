@@ -48,8 +48,8 @@ int NotificationHandler::handle(rill_notification_t* notification) {
       result = forceRescan(item);
     } else if (id == ids_[kSlotDisks]) {
       if (!path) continue;
-      if (type == RILL_EVENT_OBJECT_ADDED) storage_.stAddDisk(*path);
-      if (type == RILL_EVENT_OBJECT_REMOVED) storage_.stRemoveDisk(*path, false);
+      if (type == RILL_EVENT_OBJECT_ADDED) storage_.addDisk(*path);
+      if (type == RILL_EVENT_OBJECT_REMOVED) storage_.removeDisk(*path, false);
     } else if (id == ids_[kSlotUnmount]) {
       result = unmount(type, item);
     } else if (id == ids_[kSlotPartitions]) {
@@ -77,13 +77,13 @@ int NotificationHandler::unmount(int type, const rill_cmddata_t* item) {
   long value = 0;
   const int result = dynstr_getlong(rill_cmddata_value_get(item), &value);
   const std::optional<std::string> path = text(rill_cmddata_path_get(item));
-  if (result == 0 && value == 1 && path) storage_.stRemoveDisk(*path, true);
+  if (result == 0 && value == 1 && path) storage_.removeDisk(*path, true);
   return result;
 }
 
 void NotificationHandler::partitions(int type, const std::string& path) {
   if (type == RILL_EVENT_OBJECT_ADDED) {
-    storage_.stAddPartition(path);
+    storage_.addPartition(path);
   } else if (type == RILL_EVENT_OBJECT_REMOVED) {
     storage_.removePartition(path);
   }
@@ -129,20 +129,20 @@ void NotificationHandler::indexRule(int type, const rill_cmddata_t* item) {
   const std::string& root = storage_.config().root;
   if (type == RILL_EVENT_OBJECT_ADDED) {
     if (!path) return;
-    rules_.stReadRule(storage_.connection(), *path);
-    if (auto rule = rules_.stFindRule(*path); rule && rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
+    rules_.readRule(storage_.connection(), *path);
+    if (auto rule = rules_.findRule(*path); rule && rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
   } else if (type == RILL_EVENT_OBJECT_REMOVED) {
     if (!path) return;
-    auto rule = rules_.stFindRule(*path);
+    auto rule = rules_.findRule(*path);
     if (!rule) return;
-    rules_.stRemoveRule(*path);
+    rules_.removeRule(*path);
     scans_.enqueue(root, kScanStorageRoot);
     if (rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
   } else if (type == RILL_EVENT_VALUE_CHANGED) {
     const std::optional<std::string> name = text(rill_cmddata_name_get(item));
     const std::optional<std::string> value = text(rill_cmddata_value_get(item));
     if (path && name && value) {
-      rules_.stChangeRule(*path, [&](IndexRule& rule) {
+      rules_.changeRule(*path, [&](IndexRule& rule) {
         const auto setBit = [&](uint32_t bit) {
           if (valueChangeBoolean(value->c_str())) rule.categories |= bit;
           else rule.categories &= ~bit;
@@ -156,7 +156,7 @@ void NotificationHandler::indexRule(int type, const rill_cmddata_t* item) {
       });
     }
     if (!path) return;
-    if (auto rule = rules_.stFindRule(*path)) {
+    if (auto rule = rules_.findRule(*path)) {
       scans_.enqueue(root, kScanStorageRoot);
       if (rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
     }

@@ -44,7 +44,7 @@ void ScannerThread::step() {
   if (request) {
     // Rule directories may be symbolic links that changed since the last
     // request.
-    rules_.stResolveRulePaths();
+    rules_.resolveRulePaths();
     switch (request->kind) {
       case kScanChangedDirectory:
         profiler_.run(request->path, false);

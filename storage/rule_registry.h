@@ -37,24 +37,24 @@ class RuleRegistry final : public IndexRules {
   // root: the storage root the rules' directories lie below.
   explicit RuleRegistry(std::string root = "/var/uuidmount") : root_(std::move(root)) {}
 
-  uint32_t stRuleCategories(const std::string& path) const override EXCLUDES(mutex_);
-  void stResolveRulePaths() override EXCLUDES(mutex_);
+  uint32_t ruleCategories(const std::string& path) const override EXCLUDES(mutex_);
+  void resolveRulePaths() override EXCLUDES(mutex_);
 
   // Reads the rule at object_path from the bus and adds it; tried up to three
   // times. Returns the last result of the read.
-  int stReadRule(rill_conn_t* connection, const std::string& object_path) EXCLUDES(mutex_);
+  int readRule(rill_conn_t* connection, const std::string& object_path) EXCLUDES(mutex_);
   // Builds the rule's path (when it has a uuid and a directory) and appends it.
-  void stAddRule(IndexRule rule) EXCLUDES(mutex_);
+  void addRule(IndexRule rule) EXCLUDES(mutex_);
   // A copy of the first rule whose object path is a prefix of text.
-  std::optional<IndexRule> stFindRule(const std::string& text) const EXCLUDES(mutex_);
+  std::optional<IndexRule> findRule(const std::string& text) const EXCLUDES(mutex_);
   // Removes the first rule whose object path is a prefix of text.
-  void stRemoveRule(const std::string& text) EXCLUDES(mutex_);
+  void removeRule(const std::string& text) EXCLUDES(mutex_);
   // Applies change to the first rule whose object path is a prefix of text;
   // false when there is none.
-  bool stChangeRule(const std::string& text, const std::function<void(IndexRule&)>& change)
+  bool changeRule(const std::string& text, const std::function<void(IndexRule&)>& change)
       EXCLUDES(mutex_);
-  bool stHaveRules() const EXCLUDES(mutex_);
-  void stClearRules() EXCLUDES(mutex_);
+  bool haveRules() const EXCLUDES(mutex_);
+  void clearRules() EXCLUDES(mutex_);
 
  private:
   const std::string root_;

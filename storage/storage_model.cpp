@@ -142,18 +142,18 @@ StorageModel::~StorageModel() {
   disks.clear();  // closes the event producers; no bus or watch work
 }
 
-Disk* StorageModel::stFindDisk(int32_t index) {
+Disk* StorageModel::findDisk(int32_t index) {
   for (Disk& disk : disks)
     if (disk.index == index) return &disk;
   return nullptr;
 }
 
-Partition* StorageModel::stFindPartition(const char* path, Disk** disk_out) {
+Partition* StorageModel::findPartition(const char* path, Disk** disk_out) {
   *disk_out = nullptr;
   int32_t disk_index = -1;
   const int32_t partition_index = stPartitionIndex(path, &disk_index);
   if (disk_index == -1 || partition_index == -1) return nullptr;
-  Disk* disk = stFindDisk(disk_index);
+  Disk* disk = findDisk(disk_index);
   if (!disk) return nullptr;
   *disk_out = disk;
   for (Partition& partition : disk->partitions)
@@ -161,7 +161,7 @@ Partition* StorageModel::stFindPartition(const char* path, Disk** disk_out) {
   return nullptr;
 }
 
-void StorageModel::stAddDisk(const std::string& object_path) {
+void StorageModel::addDisk(const std::string& object_path) {
   uint32_t capacity = 0;
   int error = 0;
   (void)retryBusCall(
@@ -179,7 +179,7 @@ void StorageModel::stAddDisk(const std::string& object_path) {
   disk.capacity = capacity;
 }
 
-void StorageModel::stAddPartition(const std::string& object_path) {
+void StorageModel::addPartition(const std::string& object_path) {
   PartitionParameters params;
   int error = 0;
   (void)retryBusCall(
@@ -195,7 +195,7 @@ void StorageModel::stAddPartition(const std::string& object_path) {
   int32_t disk_index = -1;
   const int32_t partition_index = stPartitionIndex(object_path.c_str(), &disk_index);
   if (disk_index == -1 || partition_index == -1) return;
-  Disk* disk = stFindDisk(disk_index);
+  Disk* disk = findDisk(disk_index);
   // A second mount point that resolves to a recorded one (a symbolic link to
   // it) is the same tree: recording it twice would let its removal take the
   // other's watches with it.
@@ -215,48 +215,48 @@ void StorageModel::stAddPartition(const std::string& object_path) {
   const char* mount = partition.mount_path.c_str();
   partition.events.reset(tock_init(mount + 1, mount, 0, 0, 0));
   watches_.fsQueueAddWatch(partition.mount_path);
-  stArmDeadline();
+  armDeadline();
 }
 
-void StorageModel::stRemovePartition(Disk& disk, Partition& partition) {
+void StorageModel::removePartition(Disk& disk, Partition& partition) {
   partition.events.reset();
   watches_.fsQueueRemoveWatch(partition.mount_path);
   scanner_.stopBelow(partition.mount_path);
   removed_partitions_.insert(removed_partitions_.begin(), partition.mount_path);
-  stArmDeadline();
+  armDeadline();
   disk.partitions.remove_if([&](const Partition& p) { return &p == &partition; });
 }
 
-void StorageModel::stReleaseDisk(Disk& disk) {
+void StorageModel::releaseDisk(Disk& disk) {
   if (disk.refcount == 0) return;
   const std::string disk_path = stDiskObjectPath(disk.index);
   if (retryBusCall([&] { return cs_decrementDiskRefcount(connection(), disk_path.c_str()); }) == 0)
     --disk.refcount;
 }
 
-void StorageModel::stFreeDisk(Disk& disk) {
+void StorageModel::freeDisk(Disk& disk) {
   disks.remove_if([&](const Disk& d) { return &d == &disk; });
 }
 
-void StorageModel::stRemoveDisk(const std::string& object_path, bool release) {
+void StorageModel::removeDisk(const std::string& object_path, bool release) {
   MutexLock hold(storage_lock);
   const int32_t index = stDiskIndex(object_path.c_str(), nullptr);
   if (index == -1) return;
-  Disk* disk = stFindDisk(index);
+  Disk* disk = findDisk(index);
   if (!disk) return;
   if (disk->holds_metadata) loseMetadata();
-  while (!disk->partitions.empty()) stRemovePartition(*disk, disk->partitions.front());
-  if (release) stReleaseDisk(*disk);
-  stFreeDisk(*disk);
+  while (!disk->partitions.empty()) removePartition(*disk, disk->partitions.front());
+  if (release) releaseDisk(*disk);
+  freeDisk(*disk);
 }
 
-void StorageModel::stReleaseAllDisks() {
+void StorageModel::releaseAllDisks() {
   MutexLock hold(storage_lock);
   while (!disks.empty()) {
     Disk& disk = disks.front();
-    while (!disk.partitions.empty()) stRemovePartition(disk, disk.partitions.front());
-    stReleaseDisk(disk);
-    stFreeDisk(disk);
+    while (!disk.partitions.empty()) removePartition(disk, disk.partitions.front());
+    releaseDisk(disk);
+    freeDisk(disk);
   }
 }
 
@@ -270,7 +270,7 @@ Partition* StorageModel::findByMountPath(const std::string& mount_path) {
 void StorageModel::removePartition(const std::string& object_path) {
   MutexLock hold(storage_lock);
   Disk* disk = nullptr;
-  if (Partition* partition = stFindPartition(object_path.c_str(), &disk)) stRemovePartition(*disk, *partition);
+  if (Partition* partition = findPartition(object_path.c_str(), &disk)) removePartition(*disk, *partition);
 }
 
 bool StorageModel::hasPartitionAt(const std::string& mount_path) const {
@@ -285,7 +285,7 @@ StorageModel::ManagedChange StorageModel::setManaged(const std::string& object_p
   ManagedChange change;
   MutexLock hold(storage_lock);
   Disk* disk = nullptr;
-  Partition* partition = stFindPartition(object_path.c_str(), &disk);
+  Partition* partition = findPartition(object_path.c_str(), &disk);
   if (partition) {
     if (managed && partition->managed == 0) change.now_managed = partition->mount_path;
     if (!managed && partition->managed != 0) change.no_longer_managed = partition->mount_path;
@@ -309,21 +309,21 @@ void StorageModel::queueUnscannedPartitions(ScanRequests& scans) {
 }
 
 void StorageModel::queueForcedRescan(ScanRequests& scans) {
-  if (stStorageReady()) scans.enqueue(config_.root, kScanStorageRoot);
+  if (storageReady()) scans.enqueue(config_.root, kScanStorageRoot);
   MutexLock hold(storage_lock);
-  if (!stStorageReady()) return;
+  if (!storageReady()) return;
   for (const Disk& disk : disks)
     for (const Partition& partition : disk.partitions) scans.enqueue(partition.mount_path, kScanForcedRescan);
 }
 
 int StorageModel::setBusValue(const char* object, const char* parameter, const char* value) {
   MutexLock hold(storage_lock);
-  return stSetBusValue(object, parameter, value);
+  return setBusValueLocked(object, parameter, value);
 }
 
 void StorageModel::setStorageStatus(int status) {
   MutexLock hold(storage_lock);
-  stSetStorageStatus(status);
+  setStorageStatusLocked(status);
 }
 
 void StorageModel::visitDisks(const std::function<void(const Disk&)>& visit) const {
@@ -331,7 +331,7 @@ void StorageModel::visitDisks(const std::function<void(const Disk&)>& visit) con
   for (const Disk& disk : disks) visit(disk);
 }
 
-void StorageModel::stMarkScanned(const std::string& mount_path) {
+void StorageModel::markScanned(const std::string& mount_path) {
   MutexLock hold(storage_lock);
   if (Partition* partition = findByMountPath(mount_path)) partition->scanned = 1;
 }

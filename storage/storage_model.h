@@ -119,17 +119,17 @@ class StorageModel final : public StorageQueries {
   rill_conn_t* connection() const { return connection_.load(); }
 
   // List operations; bus thread.
-  void stAddDisk(const std::string& object_path) EXCLUDES(storage_lock);
-  void stAddPartition(const std::string& object_path) EXCLUDES(storage_lock);
+  void addDisk(const std::string& object_path) EXCLUDES(storage_lock);
+  void addPartition(const std::string& object_path) EXCLUDES(storage_lock);
   // Removes the partition of the object "Storage.Disk.<d>.Partition.<p>", if
   // recorded.
   void removePartition(const std::string& object_path) EXCLUDES(storage_lock);
-  void stRemoveDisk(const std::string& object_path, bool release) EXCLUDES(storage_lock);
+  void removeDisk(const std::string& object_path, bool release) EXCLUDES(storage_lock);
   // At the end of a connection: removes every partition of every disk,
   // releases each disk's reference and frees it.
-  void stReleaseAllDisks() EXCLUDES(storage_lock);
+  void releaseAllDisks() EXCLUDES(storage_lock);
   // Sets the scanned flag of the first partition mounted exactly at path.
-  void stMarkScanned(const std::string& mount_path) EXCLUDES(storage_lock);
+  void markScanned(const std::string& mount_path) EXCLUDES(storage_lock);
   // True when a partition is mounted exactly at mount_path.
   bool hasPartitionAt(const std::string& mount_path) const EXCLUDES(storage_lock);
 
@@ -155,26 +155,25 @@ class StorageModel final : public StorageQueries {
   // Publishes the status when it changes; a new choice is scanned again.
   void setStorageStatus(int status) EXCLUDES(storage_lock);
   int storageStatus() const { return status_.load(); }
-  bool stStorageReady() const { return status_.load() == kStorageOk; }
   bool initialScanDone() const { return initial_scan_done_.load() != 0; }
 
   // The settle deadline: bus thread only, no lock.
-  void stArmDeadline();
+  void armDeadline();
   const std::optional<timeval>& deadline() const { return deadline_; }
   void disarmDeadline() { deadline_.reset(); }
 
-  bool stIsSuitable(const Partition& partition, bool existing_database_only) const;
+  bool isSuitable(const Partition& partition, bool existing_database_only) const;
   // The selection run when the deadline expires with status "NoSuitableDisk":
   // remembered location, then first existing database, then the best new
   // place. True when a partition was selected.
-  bool stChooseMetadataStorage() EXCLUDES(storage_lock);
+  bool chooseMetadataStorage() EXCLUDES(storage_lock);
   // Mount paths of the partitions removed since the last call.
   std::vector<std::string> takeRemovedPartitions() EXCLUDES(storage_lock);
   // Calls visit for each disk, newest first, under the storage lock (tests).
   void visitDisks(const std::function<void(const Disk&)>& visit) const EXCLUDES(storage_lock);
 
   // StorageQueries.
-  bool storageReady() const override { return stStorageReady(); }
+  bool storageReady() const override { return status_.load() == kStorageOk; }
   bool pathIsOnPartition(const std::string& path) const override EXCLUDES(storage_lock);
   std::optional<std::string> managedPartitionPath() const override EXCLUDES(storage_lock);
   void sendChangeEvent(const std::string& path) override EXCLUDES(storage_lock);
@@ -186,16 +185,16 @@ class StorageModel final : public StorageQueries {
   mutable Mutex storage_lock;
   std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
 
-  Disk* stFindDisk(int32_t index) REQUIRES(storage_lock);
-  Partition* stFindPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
+  Disk* findDisk(int32_t index) REQUIRES(storage_lock);
+  Partition* findPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
   // The first partition mounted exactly at mount_path, or null.
   Partition* findByMountPath(const std::string& mount_path) REQUIRES(storage_lock);
-  void stRemovePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
-  void stReleaseDisk(Disk& disk) REQUIRES(storage_lock);
-  void stFreeDisk(Disk& disk) REQUIRES(storage_lock);
-  int stSetBusValue(const char* object, const char* parameter, const char* value) REQUIRES(storage_lock);
-  void stSetStorageStatus(int status) REQUIRES(storage_lock);
-  void stSelectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
+  void removePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
+  void releaseDisk(Disk& disk) REQUIRES(storage_lock);
+  void freeDisk(Disk& disk) REQUIRES(storage_lock);
+  int setBusValueLocked(const char* object, const char* parameter, const char* value) REQUIRES(storage_lock);
+  void setStorageStatusLocked(int status) REQUIRES(storage_lock);
+  void selectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
   void loseMetadata() REQUIRES(storage_lock);
   void signalTagStore() const;
   bool selectIfSuitable(Partition* partition, bool existing_database_only) REQUIRES(storage_lock);
