@@ -10,13 +10,12 @@
 #include "platform/cs.h"
 #include "platform/kord.h"
 #include "platform/stage.h"
+#include "storage/bus_retry.h"
 
 namespace zibd {
 namespace {
 
 constexpr char kClientName[] = "zib_client";
-constexpr int kReadAttempts = 3;
-constexpr int kSubscribeAttempts = 3;
 
 struct Subscription {
   const char* path;
@@ -78,15 +77,28 @@ void BusThread::join() {
 }
 
 void BusThread::run() noexcept {
+  while (state_ != State::kDone) {
+    try {
+      while (step()) {
+      }
+    } catch (...) {
+      abandonStep();
+    }
+  }
+}
+
+// A step that threw carries on as a lost connection would (docs/code-map.md):
+// the connection is given up and made again after the pause. Before the
+// first connection the start-up wait is made again.
+void BusThread::abandonStep() noexcept {
   try {
-    while (step()) {
-    }
+    if (conn_) return endConnection();
+    if (state_ == State::kStarting) return;
+    if (pause(timing_.retry_pause)) state_ = State::kConnecting;
+    else leave();
   } catch (...) {
-    // Out of memory on the bus thread: give the bus up and end.
-    if (state_ != State::kDone) {
-      if (conn_) releaseConnection();
-      leave();
-    }
+    // Failing again while giving the bus up: the thread ends as on a stop.
+    leave();
   }
 }
 
@@ -148,7 +160,7 @@ bool BusThread::takeMessages(bool* stop) {
         pending = 1;
         break;
       case kControlPartitionScanned:
-        if (message->path) storage_.stMarkScanned(*message->path);
+        if (message->path) storage_.markScanned(*message->path);
         break;
       default:
         break;
@@ -159,14 +171,14 @@ bool BusThread::takeMessages(bool* stop) {
 }
 
 bool BusThread::readAll(const char* path, rill_reply_fn collector, std::vector<std::string>* paths) {
-  int result = -1;
-  for (int attempt = 0; attempt < kReadAttempts && result != 0; ++attempt) {
+  const int result = retryBusCall([&] {
     paths->clear();
     rill_ccmd_t command{};
-    result = rill_ccmd_add_getvalues_request(conn_, &command, path, 0, 2, 0, 2);
-    if (result == 0) result = rill_invoke_ccmd(conn_, &command, collector, paths);
+    int answer = rill_ccmd_add_getvalues_request(conn_, &command, path, 0, 2, 0, 2);
+    if (answer == 0) answer = rill_invoke_ccmd(conn_, &command, collector, paths);
     rill_ccmd_cleanup(&command);
-  }
+    return answer;
+  });
   if (result != 0) paths->clear();
   return result == 0;
 }
@@ -187,12 +199,10 @@ bool BusThread::subscribe() {
       ok = false;
       break;
     }
-  if (ok) {
-    int result = -1;
-    for (int attempt = 0; attempt < kSubscribeAttempts && result != 0; ++attempt)
-      result = rill_invoke_ccmd_subscribe(conn_, &command, 0, &NotificationHandler::callback, &handler_);
-    ok = result == 0;
-  }
+  if (ok)
+    ok = retryBusCall([&] {
+           return rill_invoke_ccmd_subscribe(conn_, &command, 0, &NotificationHandler::callback, &handler_);
+         }) == 0;
   if (ok) {
     const llist_t* answers = rill_ccmd_get_answers(&command);
     for (int i = 0; i < llist_getlength(answers) && ok; ++i) {
@@ -227,11 +237,11 @@ void BusThread::connect() {
   subscribed_ = false;
   std::vector<std::string> paths;
   if (readAll("Storage.Disk", stObjectPathCollector, &paths))
-    for (const std::string& path : paths) storage_.stAddDisk(path);
+    for (const std::string& path : paths) storage_.addDisk(path);
   if (!readAll("Storage.*.Partition", stObjectPathCollector, &paths)) return endConnection();
-  for (const std::string& path : paths) storage_.stAddPartition(path);
+  for (const std::string& path : paths) storage_.addPartition(path);
   if (!readAll("ContentSharing.UPnPAV.IndexRules", stRuleCollector, &paths)) return endConnection();
-  for (const std::string& path : paths) rules_.stReadRule(conn_, path);
+  for (const std::string& path : paths) rules_.readRule(conn_, path);
   if (!subscribe()) return endConnection();
   subscribed_ = true;
   socket_ = rill_getnotifylistensocket(conn_);
@@ -259,27 +269,16 @@ void BusThread::loopOnce() {
 }
 
 void BusThread::expire() {
-  const bool was_ready = storage_.stStorageReady();
-  if (storage_.storageStatus() == kNoSuitableDisk) storage_.stChooseMetadataStorage();
+  const bool was_ready = storage_.storageReady();
+  if (storage_.storageStatus() == kNoSuitableDisk) storage_.chooseMetadataStorage();
   std::vector<std::string> removed = storage_.takeRemovedPartitions();
-  if (storage_.stStorageReady()) {
+  if (storage_.storageReady()) {
     if (was_ready) {
-      for (const std::string& path : removed) {
-        bool present = false;
-        {
-          MutexLock hold(storage_.storage_lock);
-          for (const Disk& disk : storage_.disks)
-            for (const Partition& partition : disk.partitions) present = present || partition.mount_path == path;
-        }
-        if (!present) (void)kord_delete(path.c_str());
-      }
+      for (const std::string& path : removed)
+        if (!storage_.hasPartitionAt(path)) (void)kord_delete(path.c_str());
     }
     if (!storage_.initialScanDone()) scans_.enqueue(storage_.config().root, kScanStorageRoot);
-    // Queued under the storage lock: the scan queue's mutex comes after it.
-    MutexLock hold(storage_.storage_lock);
-    for (const Disk& disk : storage_.disks)
-      for (const Partition& partition : disk.partitions)
-        if (!partition.scanned) scans_.enqueue(partition.mount_path, kScanRuleDirectory);
+    storage_.queueUnscannedPartitions(scans_);
   }
   storage_.disarmDeadline();
 }
@@ -288,7 +287,7 @@ void BusThread::releaseConnection() {
   if (subscribed_) {
     int result = 0;
     (void)cs_unsubscribe_events(conn_, ids_.data(), kSubscriptionCount, &result);
-    storage_.stReleaseAllDisks();
+    storage_.releaseAllDisks();
     subscribed_ = false;
   }
   rill_invoke_unregister(conn_);
@@ -305,10 +304,7 @@ void BusThread::endConnection(bool stop) {
   // The disks are given back; the choice made on them goes too, so that the
   // next connection chooses again (and publishes it) and scans everything,
   // catching up with what changed unwatched meanwhile.
-  {
-    MutexLock hold(storage_.storage_lock);
-    storage_.stSetStorageStatus(kNoSuitableDisk);
-  }
+  storage_.setStorageStatus(kNoSuitableDisk);
   profiling_.forget();
   if (!pause(timing_.retry_pause)) return leave();
   state_ = State::kConnecting;

@@ -27,8 +27,8 @@
 #include "bus/notification_handler.h"
 #include "bus/profiling_status.h"
 #include "common/file_descriptor.h"
-#include "scan/scan_requests.h"
 #include "storage/rule_registry.h"
+#include "storage/scan_requests.h"
 #include "storage/storage_model.h"
 
 namespace zibd {
@@ -57,7 +57,8 @@ class BusThread {
 
   // One pass; false once the thread has ended.
   bool step();
-  // The thread body: step() until the thread has ended.
+  // The thread body: step() until the thread has ended. A step that throws
+  // is handled as a lost connection.
   void run() noexcept;
 
   State state() const { return state_; }
@@ -76,6 +77,7 @@ class BusThread {
   void releaseConnection();
   void endConnection(bool stop = false);
   void leave();
+  void abandonStep() noexcept;
 
   StorageModel& storage_;
   RuleRegistry& rules_;

@@ -11,9 +11,9 @@
 // late sender never writes into a descriptor number reused meanwhile, and the
 // read end is closed after the write end, so no write can raise SIGPIPE.
 //
-// Lock order: mutex_ before paths_mutex_. A sender may hold the scan queue's
-// mutex while it takes mutex_; the bus thread never takes mutex_ while it
-// waits for anything but a sender's write to finish.
+// Lock order (docs/code-map.md): mutex_ comes after the scan queue's mutex
+// and before paths_mutex_; the bus thread never takes mutex_ while it waits
+// for anything but a sender's write to finish.
 #pragma once
 
 #include <cstdint>
@@ -67,7 +67,7 @@ class ControlPipe final : public ScanReports {
   int send(uint32_t type, uint32_t argument) EXCLUDES(mutex_);
   bool tryCloseWriteEnd() EXCLUDES(mutex_);
 
-  Mutex mutex_;
+  Mutex mutex_ ACQUIRED_BEFORE(paths_mutex_);
   FileDescriptor write_end_ GUARDED_BY(mutex_);
   FileDescriptor read_end_;  // bus thread only (and open())
   Mutex paths_mutex_;

@@ -1,26 +1,22 @@
 #include "bus/notification_handler.h"
 
-#include <memory>
 #include <optional>
 
+#include "common/tag_names.h"
 #include "platform/dynstr.h"
 #include "platform/kord.h"
+#include "scan/kord_bulk.h"
 
 namespace zibd {
 namespace {
 
 constexpr char kMetadataService[] = "VFS.MetaDataService";
-constexpr char kInvisibleTag[] = ".s.invisible";
 
 std::optional<std::string> text(const dynstr_t* value) {
   const char* s = dynstr_getstring(value);
   if (!s) return std::nullopt;
   return std::string(s);
 }
-
-struct BulkCloser {
-  void operator()(kord_bulk_t* handle) const noexcept { kord_bulk_fini(handle); }
-};
 
 }  // namespace
 
@@ -52,8 +48,8 @@ int NotificationHandler::handle(rill_notification_t* notification) {
       result = forceRescan(item);
     } else if (id == ids_[kSlotDisks]) {
       if (!path) continue;
-      if (type == RILL_EVENT_OBJECT_ADDED) storage_.stAddDisk(*path);
-      if (type == RILL_EVENT_OBJECT_REMOVED) storage_.stRemoveDisk(*path, false);
+      if (type == RILL_EVENT_OBJECT_ADDED) storage_.addDisk(*path);
+      if (type == RILL_EVENT_OBJECT_REMOVED) storage_.removeDisk(*path, false);
     } else if (id == ids_[kSlotUnmount]) {
       result = unmount(type, item);
     } else if (id == ids_[kSlotPartitions]) {
@@ -71,13 +67,8 @@ int NotificationHandler::forceRescan(const rill_cmddata_t* item) {
   long value = 0;
   const int result = dynstr_getlong(rill_cmddata_value_get(item), &value);
   if (result != 0 || value != 1) return result;
-  const std::string& root = storage_.config().root;
-  if (storage_.stStorageReady()) scans_.enqueue(root, kScanStorageRoot);
-  MutexLock hold(storage_.storage_lock);
-  if (storage_.stStorageReady())
-    for (const Disk& disk : storage_.disks)
-      for (const Partition& partition : disk.partitions) scans_.enqueue(partition.mount_path, kScanForcedRescan);
-  (void)storage_.stSetBusValue(kMetadataService, "ForceRescan", "0");
+  storage_.queueForcedRescan(scans_);
+  (void)storage_.setBusValue(kMetadataService, "ForceRescan", "0");
   return result;
 }
 
@@ -86,18 +77,15 @@ int NotificationHandler::unmount(int type, const rill_cmddata_t* item) {
   long value = 0;
   const int result = dynstr_getlong(rill_cmddata_value_get(item), &value);
   const std::optional<std::string> path = text(rill_cmddata_path_get(item));
-  if (result == 0 && value == 1 && path) storage_.stRemoveDisk(*path, true);
+  if (result == 0 && value == 1 && path) storage_.removeDisk(*path, true);
   return result;
 }
 
 void NotificationHandler::partitions(int type, const std::string& path) {
   if (type == RILL_EVENT_OBJECT_ADDED) {
-    storage_.stAddPartition(path);
+    storage_.addPartition(path);
   } else if (type == RILL_EVENT_OBJECT_REMOVED) {
-    MutexLock hold(storage_.storage_lock);
-    Disk* disk = nullptr;
-    if (Partition* partition = storage_.stFindPartition(path.c_str(), &disk))
-      storage_.stRemovePartition(*disk, *partition);
+    storage_.removePartition(path);
   }
 }
 
@@ -106,50 +94,32 @@ int NotificationHandler::managed(const rill_cmddata_t* item) {
   const int result = dynstr_getlong(rill_cmddata_value_get(item), &value);
   if (result != 0) return result;
   const std::optional<std::string> path = text(rill_cmddata_path_get(item));
-  std::optional<std::string> now_managed, no_longer_managed;
-  {
-    MutexLock hold(storage_.storage_lock);
-    Disk* disk = nullptr;
-    Partition* partition = path ? storage_.stFindPartition(path->c_str(), &disk) : nullptr;
-    if (partition) {
-      if (value != 0 && partition->managed == 0) now_managed = partition->mount_path;
-      if (value == 0 && partition->managed != 0) no_longer_managed = partition->mount_path;
-      partition->managed = value != 0 ? 1 : 0;
-    }
-    // At most one partition is the managed disk.
-    if (value != 0)
-      for (Disk& d : storage_.disks)
-        for (Partition& other : d.partitions)
-          if (&other != partition && other.managed) {
-            other.managed = 0;
-            no_longer_managed = other.mount_path;
-          }
-  }
-  if (!now_managed && !no_longer_managed) return result;
+  const StorageModel::ManagedChange change = storage_.setManaged(path.value_or(""), value != 0);
+  if (!change.now_managed && !change.no_longer_managed) return result;
   const bool switched = !profiling_.busy();
   if (switched) profiling_.set(1);
-  setInvisible(now_managed, no_longer_managed);
+  setInvisible(change.now_managed, change.no_longer_managed);
   if (switched) profiling_.set(0);
   return result;
 }
 
 void NotificationHandler::setInvisible(const std::optional<std::string>& hidden,
                                        const std::optional<std::string>& shown) {
-  std::unique_ptr<kord_bulk_t, BulkCloser> bulk(kord_bulk_init());
+  KordBulk bulk(kord_bulk_init());
   if (!bulk) return;
   if (hidden) {
     // Everything on the managed disk is hidden from the media server except
     // its Media directory.
     const std::string media = *hidden + "/Media";
     if (kord_bulk_setpath(bulk.get(), hidden->c_str()) == 0 &&
-        kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "1") == 0 &&
+        kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "1") == 0 &&
         kord_bulk_setpath(bulk.get(), media.c_str()) == 0 &&
-        kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "0") == 0)
+        kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "0") == 0)
       kord_bulk_commit(bulk.get());
   }
   if (shown) {
     if (kord_bulk_setpath(bulk.get(), shown->c_str()) == 0 &&
-        kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "0") == 0)
+        kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "0") == 0)
       kord_bulk_commit(bulk.get());
   }
 }
@@ -159,20 +129,20 @@ void NotificationHandler::indexRule(int type, const rill_cmddata_t* item) {
   const std::string& root = storage_.config().root;
   if (type == RILL_EVENT_OBJECT_ADDED) {
     if (!path) return;
-    rules_.stReadRule(storage_.connection(), *path);
-    if (auto rule = rules_.stFindRule(*path); rule && rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
+    rules_.readRule(storage_.connection(), *path);
+    if (auto rule = rules_.findRule(*path); rule && rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
   } else if (type == RILL_EVENT_OBJECT_REMOVED) {
     if (!path) return;
-    auto rule = rules_.stFindRule(*path);
+    auto rule = rules_.findRule(*path);
     if (!rule) return;
-    rules_.stRemoveRule(*path);
+    rules_.removeRule(*path);
     scans_.enqueue(root, kScanStorageRoot);
     if (rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
   } else if (type == RILL_EVENT_VALUE_CHANGED) {
     const std::optional<std::string> name = text(rill_cmddata_name_get(item));
     const std::optional<std::string> value = text(rill_cmddata_value_get(item));
     if (path && name && value) {
-      rules_.stChangeRule(*path, [&](IndexRule& rule) {
+      rules_.changeRule(*path, [&](IndexRule& rule) {
         const auto setBit = [&](uint32_t bit) {
           if (valueChangeBoolean(value->c_str())) rule.categories |= bit;
           else rule.categories &= ~bit;
@@ -180,14 +150,13 @@ void NotificationHandler::indexRule(int type, const rill_cmddata_t* item) {
         // "Enable" and "Status" write the same flag: the later one decides.
         if (*name == "Enable") rule.enabled = valueChangeBoolean(value->c_str()) ? 1 : 0;
         else if (*name == "Status") rule.enabled = *value == "Up" ? 1 : 0;
-        else if (*name == "PartitionName") rule.partition_name = *value;
         else if (*name == "EnableMovie") setBit(kCategoryMovies);
         else if (*name == "EnableMusic") setBit(kCategoryMusic);
         else if (*name == "EnablePicture") setBit(kCategoryPictures);
       });
     }
     if (!path) return;
-    if (auto rule = rules_.stFindRule(*path)) {
+    if (auto rule = rules_.findRule(*path)) {
       scans_.enqueue(root, kScanStorageRoot);
       if (rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
     }

@@ -10,8 +10,8 @@
 
 #include "bus/profiling_status.h"
 #include "platform/rill.h"
-#include "scan/scan_requests.h"
 #include "storage/rule_registry.h"
+#include "storage/scan_requests.h"
 #include "storage/storage_model.h"
 
 namespace zibd {

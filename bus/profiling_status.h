@@ -12,7 +12,7 @@ class ProfilingStatus {
 
   // Publishes the new state when it differs from the current one; a failed
   // publication is not retried. Nothing is published at start-up.
-  void set(int busy) EXCLUDES(storage_.storage_lock);
+  void set(int busy);
   bool busy() const { return busy_ == 1; }
   // The bus is new (a connection was lost): the next state is published
   // whatever it is.

@@ -2,8 +2,10 @@
 // thread-safety analysis (see thread_annotations.h).
 //
 // Declare a mutex beside the data it guards and mark that data GUARDED_BY it;
-// functions that expect the caller to hold it say REQUIRES(mutex). The one lock
-// order of the daemon is written in the header of the lower lock.
+// functions that expect the caller to hold it say REQUIRES(mutex). Two
+// mutexes of one object that are taken together say so with ACQUIRED_BEFORE,
+// which clang checks; the daemon's lock order across objects is written once,
+// in docs/code-map.md.
 //
 // Waits: threads wait only untimed on a CondVar (or in poll/select/sleep),
 // because libfaketime, which speeds the clock in system tests, does not

@@ -59,8 +59,6 @@ void Daemon::shutdown() {
   watch_requests.fsStopWatcher();
   // Stop the bus thread's loop (nowhere once it has ended by itself).
   bus_control.stop();
-  (void)watch_table.fsCloseWatch();
-  type_map.clear();
   // Whatever was queued meanwhile is dropped. The wake ends a take that began
   // before the running flag was cleared (the loop may end on a failed wait).
   scan_queue.clear();
@@ -74,6 +72,8 @@ void Daemon::shutdown() {
     }
     bus.join();
   }
+  // Only now that no thread runs: the scanner reads the map until it is joined.
+  type_map.clear();
   sync_pipe.read_end.reset();
   sync_pipe.write_end.reset();
   g_daemon.termination_pipe.read_end.reset();

@@ -4,7 +4,7 @@
 // Wiring: the lower layers declare small interfaces for the calls they make
 // upward (storage/watch_requests.h, storage/scanner_control.h,
 // scan/scan_reports.h) and for the queries the upper layers make of them
-// (storage/storage_queries.h, storage/index_rules.h, scan/scan_requests.h);
+// (storage/storage_queries.h, storage/index_rules.h, storage/scan_requests.h);
 // this object owns the real implementations and hands each user the ones it
 // needs by reference.
 #pragma once

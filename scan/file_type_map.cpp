@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/tag_names.h"
+
 namespace zibd {
 
 namespace {
@@ -115,11 +117,11 @@ const char* extensionOf(const char* path) {
 bool typeEnabled(const FileTypeRecord& record, unsigned mask) {
   unsigned bit = 0;
   if (record.type == kTypeVideo)
-    bit = kCategoryVideo;
+    bit = kCategoryMovies;
   else if (record.type == kTypeAudio)
-    bit = kCategoryAudio;
+    bit = kCategoryMusic;
   else if (record.type == kTypeImage)
-    bit = kCategoryImage;
+    bit = kCategoryPictures;
   return (mask & bit) != 0;
 }
 

@@ -20,10 +20,8 @@
 
 namespace zibd {
 
-// Category bits of an index rule's mask, and the type names they stand for.
-inline constexpr unsigned kCategoryVideo = 1;
-inline constexpr unsigned kCategoryAudio = 2;
-inline constexpr unsigned kCategoryImage = 4;
+// The type names that the category bits of an index rule's mask
+// (common/tag_names.h) stand for: movies, music, pictures.
 inline constexpr char kTypeVideo[] = "STDVIDEO";
 inline constexpr char kTypeAudio[] = "STDAUDIO";
 inline constexpr char kTypeImage[] = "STDIMAGE";

@@ -9,9 +9,8 @@
 // first request into an idle queue) and when a take finds it empty
 // (reportProfiling(0)); these are the "Profiling" and "Ready" statuses.
 //
-// Lock order: the storage lock is taken before this queue's mutex, never
-// after it (the bus thread queues requests with the storage lock held). The
-// scanner lock (scan/scanner_state.h) is never held together with it.
+// Lock order: docs/code-map.md (after the storage lock, before the control
+// pipe's).
 #pragma once
 
 #include <atomic>
@@ -23,7 +22,7 @@
 #include "common/file_descriptor.h"
 #include "common/mutex.h"
 #include "scan/scan_reports.h"
-#include "scan/scan_requests.h"
+#include "storage/scan_requests.h"
 #include "storage/storage_queries.h"
 
 namespace zibd {

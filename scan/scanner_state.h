@@ -8,11 +8,9 @@
 // profiler's process group with SIGKILL and return once the scanner has gone
 // back to idle.
 //
-// Lock order: the storage lock may be held when the scanner lock is taken,
-// never the other way round; the scanner thread takes the storage lock (for
-// the managed partition) only before it publishes a scanning path, so a stop
-// that holds the storage lock never waits for a scanner blocked on it. The
-// scanner lock and the scan queue's mutex are never held together.
+// Lock order: docs/code-map.md. The scanner thread takes the storage lock
+// (for the managed partition) only before it publishes a scanning path, so a
+// stop that holds the storage lock never waits for a scanner blocked on it.
 #pragma once
 
 #include <sys/types.h>

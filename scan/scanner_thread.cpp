@@ -44,7 +44,7 @@ void ScannerThread::step() {
   if (request) {
     // Rule directories may be symbolic links that changed since the last
     // request.
-    rules_.stResolveRulePaths();
+    rules_.resolveRulePaths();
     switch (request->kind) {
       case kScanChangedDirectory:
         profiler_.run(request->path, false);
@@ -157,8 +157,8 @@ void ScannerThread::run() noexcept {
     try {
       step();
     } catch (...) {
-      // Out of memory in the middle of a request: it is dropped (a later scan
-      // of the same tree does its work) and the scanner goes on.
+      // The request is dropped (a later scan of the same tree does its work)
+      // and the scanner carries on (docs/code-map.md).
       state_.reset();
     }
   }

@@ -25,6 +25,7 @@
 #include <string>
 #include <thread>
 
+#include "common/tag_names.h"
 #include "scan/file_type_map.h"
 #include "scan/kord_bulk.h"
 #include "scan/profiler_run.h"
@@ -37,9 +38,6 @@
 
 namespace zibd {
 
-// Opened (and closed at once) after a database cleanup: the tag store's
-// signal to look at its configuration again.
-inline constexpr char kKordUpdateSignal[] = "/var/kord/meta/.update";
 // How long a partition whose tags could not be stored waits for its scan
 // when nothing on it changes.
 inline constexpr std::chrono::milliseconds kRescanDelay = std::chrono::minutes(10);

@@ -72,7 +72,7 @@ int Tagger::tagFile(const char* path, const Visibility& visibility) {
   if (!extension) return 0;
   FileTypeRecord* record = types_.find(extension);
   if (!record) return 0;
-  const uint32_t mask = rules_.stRuleCategories(path);
+  const uint32_t mask = rules_.ruleCategories(path);
   if (mask == 0 || !typeEnabled(*record, mask)) return 0;
 
   // A file moved or deleted while its directory is walked is not tagged under
@@ -113,7 +113,7 @@ int Tagger::unwanted(const char* path) {
   if (!extension) return 1;
   const FileTypeRecord* record = types_.find(extension);
   if (!record) return 1;
-  const uint32_t mask = rules_.stRuleCategories(path);
+  const uint32_t mask = rules_.ruleCategories(path);
   if (mask == 0 || !typeEnabled(*record, mask)) return 1;
   return 0;
 }

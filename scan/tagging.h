@@ -1,13 +1,7 @@
 // Classification and tagging of single files during a scan, and the check by
-// which the database cleanup drops files that are no longer wanted.
-//
-// Tags (all values text):
-//   ".s.mdt"       modification time when last profiled, "%Y%m%d%H%M%S" local
-//   ".s.hash"      identity hash, 16 lower-case hex digits (new files only)
-//   ".s.invisible" "1" outside the visible media tree, else "0" (new files only)
-//   ".s.tbp"       "1": to be profiled
-//   ".s.filetype"  the type name of the file's type record, selects the profiler
-//   ".s.batchidx"  the profiler batch (decimal) within its type
+// which the database cleanup drops files that are no longer wanted. The tags
+// are listed in common/tag_names.h; a scan gives ".s.hash" and ".s.invisible"
+// to new files only.
 //
 // Thread: the scanner thread alone uses a Tagger. Only the abort flag is
 // written by other threads (scan/scanner_state.h).
@@ -21,18 +15,12 @@
 #include <string_view>
 #include <utility>
 
+#include "common/tag_names.h"
 #include "scan/file_type_map.h"
 #include "scan/kord_bulk.h"
 #include "storage/index_rules.h"
 
 namespace zibd {
-
-inline constexpr char kTagModified[] = ".s.mdt";
-inline constexpr char kTagHash[] = ".s.hash";
-inline constexpr char kTagInvisible[] = ".s.invisible";
-inline constexpr char kTagToProfile[] = ".s.tbp";
-inline constexpr char kTagFileType[] = ".s.filetype";
-inline constexpr char kTagBatchIndex[] = ".s.batchidx";
 
 // Files per profiler batch. The pending count is incremented before it is
 // divided by this, so batch 0 of a type holds one file less than the others.

@@ -69,7 +69,7 @@ fault storage/metadata_storage.cpp \
   "" \
   "loss: the tag store configuration still names the lost database"
 fault storage/metadata_storage.cpp \
-  "stSetStorageStatus(kNoSuitableDisk);" \
+  "  setStorageStatusLocked(kNoSuitableDisk);" \
   "" \
   "loss: the storage status is not set back to NoSuitableDisk"
 fault storage/rule_registry.cpp \
@@ -150,28 +150,28 @@ fault bus/bus_thread.cpp \
   "if (!storage_.initialScanDone()) scans_.enqueue(" \
   "if (storage_.initialScanDone()) scans_.enqueue(" \
   "bus thread: the storage root cleanup is queued only after it was done"
-fault bus/bus_thread.cpp \
-  "if (!partition.scanned) scans_.enqueue(" \
-  "if (partition.scanned) scans_.enqueue(" \
+fault storage/storage_model.cpp \
+  "if (!partition.scanned) scans.enqueue(" \
+  "if (partition.scanned) scans.enqueue(" \
   "bus thread: unscanned partitions are not queued when the settle time ends"
 fault bus/bus_thread.cpp \
   "    if (!pause(timing_.retry_pause)) leave();" \
   "    leave();" \
   "bus thread: a connection that cannot be made ends the thread"
 fault bus/bus_thread.cpp \
-  "    storage_.stSetStorageStatus(kNoSuitableDisk);" \
+  "  storage_.setStorageStatus(kNoSuitableDisk);" \
   "" \
   "bus thread: the storage chosen on a lost connection is kept, never chosen again"
 fault bus/notification_handler.cpp \
-  '(void)storage_.stSetBusValue(kMetadataService, "ForceRescan", "0");' \
+  '(void)storage_.setBusValue(kMetadataService, "ForceRescan", "0");' \
   "" \
   "notifications: ForceRescan is not reset after a rescan"
 fault bus/notification_handler.cpp \
   "value[0] != '0' && value[0] != 'f'" \
   "value[0] != '0'" \
   "notifications: \"false\" switches a rule category on"
-fault bus/notification_handler.cpp \
-  "            no_longer_managed = other.mount_path;" \
+fault storage/storage_model.cpp \
+  "          change.no_longer_managed = other.mount_path;" \
   "" \
   "notifications: the previously managed partition is not shown again"
 fault bus/profiling_status.cpp \

@@ -6,27 +6,22 @@
 #include <cstdint>
 #include <string>
 
-namespace zibd {
+#include "common/tag_names.h"
 
-// Category bits of a rule.
-enum RuleCategory : uint32_t {
-  kCategoryMovies = 1,
-  kCategoryMusic = 2,
-  kCategoryPictures = 4,
-};
+namespace zibd {
 
 class IndexRules {
  public:
   virtual ~IndexRules() = default;
 
-  // stRuleCategories: the OR of the categories of every enabled rule whose
+  // The OR of the categories of every enabled rule whose
   // directory contains path (path continues the rule's path with "/").
   // Scanner thread, while the bus thread may add and remove rules.
-  virtual uint32_t stRuleCategories(const std::string& path) const = 0;
+  virtual uint32_t ruleCategories(const std::string& path) const = 0;
 
-  // stResolveRulePaths: replaces each rule's path by its realpath where it
+  // Replaces each rule's path by its realpath where it
   // resolves. Scanner thread, before it uses the rules.
-  virtual void stResolveRulePaths() = 0;
+  virtual void resolveRulePaths() = 0;
 };
 
 }  // namespace zibd

@@ -25,7 +25,7 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 
 }  // namespace
 
-int StorageModel::stSetBusValue(const char* object, const char* parameter, const char* value) {
+int StorageModel::setBusValueLocked(const char* object, const char* parameter, const char* value) {
   rill_conn_t* conn = connection();
   if (!conn) return -1;
   rill_ccmd_t command{};
@@ -39,21 +39,21 @@ int StorageModel::stSetBusValue(const char* object, const char* parameter, const
   return result;
 }
 
-void StorageModel::stSetStorageStatus(int status) {
+void StorageModel::setStorageStatusLocked(int status) {
   if (status == status_.load()) return;
-  (void)stSetBusValue(kMetadataService, "MetaDataStorageStatus", status != 0 ? "NoSuitableDisk" : "OK");
+  (void)setBusValueLocked(kMetadataService, "MetaDataStorageStatus", status != 0 ? "NoSuitableDisk" : "OK");
   status_.store(status);
   initial_scan_done_.store(0);
 }
 
-void StorageModel::stArmDeadline() {
+void StorageModel::armDeadline() {
   timeval now{};
   ::gettimeofday(&now, nullptr);
   now.tv_sec += static_cast<time_t>(config_.settle_delay.count());
   deadline_ = now;
 }
 
-bool StorageModel::stIsSuitable(const Partition& partition, bool existing_database_only) const {
+bool StorageModel::isSuitable(const Partition& partition, bool existing_database_only) const {
   if (partition.read_only) return false;
   struct stat info{};
   if (::stat((partition.mount_path + "/" + kDatabaseFile).c_str(), &info) == 0) return true;
@@ -66,7 +66,7 @@ void StorageModel::signalTagStore() const {
   FileDescriptor signal(::open(config_.update_signal.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-void StorageModel::stSelectMetadataPartition(Partition& partition) {
+void StorageModel::selectMetadataPartition(Partition& partition) {
   {
     File ini(std::fopen(config_.kord_ini.c_str(), "we"));
     if (!ini) return;
@@ -76,19 +76,19 @@ void StorageModel::stSelectMetadataPartition(Partition& partition) {
                  config_.root.c_str(), partition.mount_path.c_str(), kDatabaseFile);
   }
   signalTagStore();
-  stSetStorageStatus(kStorageOk);
+  setStorageStatusLocked(kStorageOk);
   partition.disk->holds_metadata = 1;
   File location(std::fopen(config_.location.c_str(), "we"));
   if (location) std::fputs(partition.mount_path.c_str(), location.get());
 }
 
 bool StorageModel::selectIfSuitable(Partition* partition, bool existing_database_only) {
-  if (!partition || !stIsSuitable(*partition, existing_database_only)) return false;
-  stSelectMetadataPartition(*partition);
+  if (!partition || !isSuitable(*partition, existing_database_only)) return false;
+  selectMetadataPartition(*partition);
   return true;
 }
 
-bool StorageModel::stChooseMetadataStorage() {
+bool StorageModel::chooseMetadataStorage() {
   // 1. The partition chosen last time, if it still holds its database.
   char remembered[300];
   bool have_remembered = false;
@@ -103,8 +103,8 @@ bool StorageModel::stChooseMetadataStorage() {
   // 2. The first partition that already holds a database.
   for (Disk& disk : disks)
     for (Partition& partition : disk.partitions)
-      if (stIsSuitable(partition, true)) {
-        stSelectMetadataPartition(partition);
+      if (isSuitable(partition, true)) {
+        selectMetadataPartition(partition);
         return true;
       }
   // 3. The best new place: the largest disk, then the most free space; a tie
@@ -112,13 +112,13 @@ bool StorageModel::stChooseMetadataStorage() {
   Partition* best = nullptr;
   for (Disk& disk : disks)
     for (Partition& partition : disk.partitions) {
-      if (!stIsSuitable(partition, false)) continue;
+      if (!isSuitable(partition, false)) continue;
       if (!best || disk.capacity > best->disk->capacity ||
           (disk.capacity == best->disk->capacity && partition.free_mb >= best->free_mb))
         best = &partition;
     }
   if (!best) return false;
-  stSelectMetadataPartition(*best);
+  selectMetadataPartition(*best);
   return true;
 }
 
@@ -131,8 +131,8 @@ void StorageModel::loseMetadata() {
   (void)::truncate(config_.kord_ini.c_str(), 0);
   signalTagStore();
   scanner_.releaseTagStore();
-  stSetStorageStatus(kNoSuitableDisk);
-  stArmDeadline();
+  setStorageStatusLocked(kNoSuitableDisk);
+  armDeadline();
 }
 
 }  // namespace zibd

@@ -8,13 +8,12 @@
 
 #include "platform/cs.h"
 #include "platform/dynstr.h"
+#include "storage/bus_retry.h"
 #include "storage/reply_items.h"
 #include "storage/storage_model.h"
 
 namespace zibd {
 namespace {
-
-constexpr int kReadAttempts = 3;
 
 struct ReadContext {
   RuleRegistry* registry;
@@ -28,7 +27,7 @@ std::optional<std::string> copyOf(const dynstr_t* value) {
 }
 
 // Reads one rule's answer and adds the rule.
-extern "C" int readRule(rill_reply_t* reply, void* context) {
+extern "C" int ruleReader(rill_reply_t* reply, void* context) {
   if (!reply) return 0;
   auto* read = static_cast<ReadContext*>(context);
   try {
@@ -40,8 +39,6 @@ extern "C" int readRule(rill_reply_t* reply, void* context) {
         rule.enabled = dynstr_strcmp2(value, "Up") == 0 ? 1 : 0;
       } else if (::strstr(name, "UUID")) {
         if (value) rule.uuid = copyOf(value);
-      } else if (::strstr(name, "PartitionName")) {
-        if (value) rule.partition_name = copyOf(value);
       } else if (::strstr(name, "DirectoryName")) {
         if (value) rule.directory_name = copyOf(value);
       } else {
@@ -55,7 +52,7 @@ extern "C" int readRule(rill_reply_t* reply, void* context) {
         if (enable) rule.categories |= bit;
       }
     });
-    read->registry->stAddRule(std::move(rule));
+    read->registry->addRule(std::move(rule));
   } catch (const std::bad_alloc&) {
     // Out of memory: the rule is not recorded.
   }
@@ -72,7 +69,7 @@ extern "C" int stRuleCollector(rill_reply_t* reply, void* context) {
   return stObjectPathCollector(reply, context);
 }
 
-uint32_t RuleRegistry::stRuleCategories(const std::string& path) const {
+uint32_t RuleRegistry::ruleCategories(const std::string& path) const {
   MutexLock hold(mutex_);
   uint32_t categories = 0;
   for (const IndexRule& rule : rules_) {
@@ -84,7 +81,7 @@ uint32_t RuleRegistry::stRuleCategories(const std::string& path) const {
   return categories;
 }
 
-void RuleRegistry::stResolveRulePaths() {
+void RuleRegistry::resolveRulePaths() {
   MutexLock hold(mutex_);
   for (IndexRule& rule : rules_) {
     if (!rule.path) continue;
@@ -93,19 +90,15 @@ void RuleRegistry::stResolveRulePaths() {
   }
 }
 
-int RuleRegistry::stReadRule(rill_conn_t* connection, const std::string& object_path) {
+int RuleRegistry::readRule(rill_conn_t* connection, const std::string& object_path) {
   ReadContext context{this, &object_path};
   int error = 0;
-  int result = 0;
-  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
-    result = cs_find_parameters_of_obj_instances(connection, object_path.c_str(), 0, 2, readRule, &context,
-                                                 &error);
-    if (result == 0) break;
-  }
-  return result;
+  return retryBusCall([&] {
+    return cs_find_parameters_of_obj_instances(connection, object_path.c_str(), 0, 2, ruleReader, &context, &error);
+  });
 }
 
-void RuleRegistry::stAddRule(IndexRule rule) {
+void RuleRegistry::addRule(IndexRule rule) {
   if (rule.uuid && rule.directory_name) {
     std::string directory = *rule.directory_name;
     if (!directory.empty() && directory.back() == '/') directory.pop_back();
@@ -115,14 +108,14 @@ void RuleRegistry::stAddRule(IndexRule rule) {
   rules_.push_back(std::move(rule));
 }
 
-std::optional<IndexRule> RuleRegistry::stFindRule(const std::string& text) const {
+std::optional<IndexRule> RuleRegistry::findRule(const std::string& text) const {
   MutexLock hold(mutex_);
   for (const IndexRule& rule : rules_)
     if (isPrefixOf(rule.object_path, text)) return rule;
   return std::nullopt;
 }
 
-void RuleRegistry::stRemoveRule(const std::string& text) {
+void RuleRegistry::removeRule(const std::string& text) {
   MutexLock hold(mutex_);
   for (auto it = rules_.begin(); it != rules_.end(); ++it)
     if (isPrefixOf(it->object_path, text)) {
@@ -131,7 +124,7 @@ void RuleRegistry::stRemoveRule(const std::string& text) {
     }
 }
 
-bool RuleRegistry::stChangeRule(const std::string& text, const std::function<void(IndexRule&)>& change) {
+bool RuleRegistry::changeRule(const std::string& text, const std::function<void(IndexRule&)>& change) {
   MutexLock hold(mutex_);
   for (IndexRule& rule : rules_)
     if (isPrefixOf(rule.object_path, text)) {
@@ -141,12 +134,12 @@ bool RuleRegistry::stChangeRule(const std::string& text, const std::function<voi
   return false;
 }
 
-bool RuleRegistry::stHaveRules() const {
+bool RuleRegistry::haveRules() const {
   MutexLock hold(mutex_);
   return !rules_.empty();
 }
 
-void RuleRegistry::stClearRules() {
+void RuleRegistry::clearRules() {
   MutexLock hold(mutex_);
   rules_.clear();
 }

@@ -4,8 +4,7 @@
 //
 // Threads: the bus thread reads, adds, changes and removes rules; the scanner
 // thread asks for categories and resolves the paths. The registry's own mutex
-// guards the list; it is never held while anything else is called, so it
-// stands outside every other lock.
+// guards the list and is held around nothing else (docs/code-map.md).
 #pragma once
 
 #include <cstdint>
@@ -24,7 +23,6 @@ struct IndexRule {
   uint32_t enabled = 0;                   // "Status" is "Up"
   std::optional<std::string> path;        // root + "/" + uuid + "/" + directory
   std::optional<std::string> uuid;        // "UUID"
-  std::optional<std::string> partition_name;  // "PartitionName"
   std::optional<std::string> directory_name;  // "DirectoryName"
   std::string object_path;                // e.g. ContentSharing.UPnPAV.IndexRules.3
   uint32_t categories = 0;                // RuleCategory bits
@@ -39,24 +37,24 @@ class RuleRegistry final : public IndexRules {
   // root: the storage root the rules' directories lie below.
   explicit RuleRegistry(std::string root = "/var/uuidmount") : root_(std::move(root)) {}
 
-  uint32_t stRuleCategories(const std::string& path) const override EXCLUDES(mutex_);
-  void stResolveRulePaths() override EXCLUDES(mutex_);
+  uint32_t ruleCategories(const std::string& path) const override EXCLUDES(mutex_);
+  void resolveRulePaths() override EXCLUDES(mutex_);
 
   // Reads the rule at object_path from the bus and adds it; tried up to three
   // times. Returns the last result of the read.
-  int stReadRule(rill_conn_t* connection, const std::string& object_path) EXCLUDES(mutex_);
+  int readRule(rill_conn_t* connection, const std::string& object_path) EXCLUDES(mutex_);
   // Builds the rule's path (when it has a uuid and a directory) and appends it.
-  void stAddRule(IndexRule rule) EXCLUDES(mutex_);
+  void addRule(IndexRule rule) EXCLUDES(mutex_);
   // A copy of the first rule whose object path is a prefix of text.
-  std::optional<IndexRule> stFindRule(const std::string& text) const EXCLUDES(mutex_);
+  std::optional<IndexRule> findRule(const std::string& text) const EXCLUDES(mutex_);
   // Removes the first rule whose object path is a prefix of text.
-  void stRemoveRule(const std::string& text) EXCLUDES(mutex_);
+  void removeRule(const std::string& text) EXCLUDES(mutex_);
   // Applies change to the first rule whose object path is a prefix of text;
   // false when there is none.
-  bool stChangeRule(const std::string& text, const std::function<void(IndexRule&)>& change)
+  bool changeRule(const std::string& text, const std::function<void(IndexRule&)>& change)
       EXCLUDES(mutex_);
-  bool stHaveRules() const EXCLUDES(mutex_);
-  void stClearRules() EXCLUDES(mutex_);
+  bool haveRules() const EXCLUDES(mutex_);
+  void clearRules() EXCLUDES(mutex_);
 
  private:
   const std::string root_;

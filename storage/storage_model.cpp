@@ -8,18 +8,18 @@
 #include <cstdio>
 #include <limits>
 #include <new>
-#include <thread>
 #include <utility>
 
+#include "common/walk.h"
 #include "platform/cs.h"
 #include "platform/dynstr.h"
+#include "storage/bus_retry.h"
 #include "storage/reply_items.h"
 
 namespace zibd {
 namespace {
 
 constexpr char kDiskPrefix[] = "Storage.Disk.";
-constexpr int kBusAttempts = 3;
 // ".Partition." between the disk number and the partition number.
 constexpr size_t kPartitionInfixLength = 11;
 
@@ -134,10 +134,6 @@ int32_t stPartitionIndex(const char* path, int32_t* disk_index) {
 
 std::string stDiskObjectPath(int32_t index) { return kDiskPrefix + std::to_string(index); }
 
-bool pathIsUnder(const std::string& path, const std::string& base) {
-  return path.compare(0, base.size(), base) == 0 && (path.size() == base.size() || path[base.size()] == '/');
-}
-
 StorageModel::StorageModel(WatchRequests& watches, ScannerControl& scanner, StorageConfig config)
     : watches_(watches), scanner_(scanner), config_(std::move(config)) {}
 
@@ -146,18 +142,18 @@ StorageModel::~StorageModel() {
   disks.clear();  // closes the event producers; no bus or watch work
 }
 
-Disk* StorageModel::stFindDisk(int32_t index) {
+Disk* StorageModel::findDisk(int32_t index) {
   for (Disk& disk : disks)
     if (disk.index == index) return &disk;
   return nullptr;
 }
 
-Partition* StorageModel::stFindPartition(const char* path, Disk** disk_out) {
+Partition* StorageModel::findPartition(const char* path, Disk** disk_out) {
   *disk_out = nullptr;
   int32_t disk_index = -1;
   const int32_t partition_index = stPartitionIndex(path, &disk_index);
   if (disk_index == -1 || partition_index == -1) return nullptr;
-  Disk* disk = stFindDisk(disk_index);
+  Disk* disk = findDisk(disk_index);
   if (!disk) return nullptr;
   *disk_out = disk;
   for (Partition& partition : disk->partitions)
@@ -165,15 +161,15 @@ Partition* StorageModel::stFindPartition(const char* path, Disk** disk_out) {
   return nullptr;
 }
 
-void StorageModel::stAddDisk(const std::string& object_path) {
+void StorageModel::addDisk(const std::string& object_path) {
   uint32_t capacity = 0;
   int error = 0;
-  for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-    if (cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stCapacityReader,
-                                            &capacity, &error) == 0)
-      break;
-    std::this_thread::sleep_for(config_.read_retry_pause);
-  }
+  (void)retryBusCall(
+      [&] {
+        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stCapacityReader,
+                                                   &capacity, &error);
+      },
+      config_.read_retry_pause);
   if (error != 0) return;
   MutexLock hold(storage_lock);
   const int32_t index = stDiskIndex(object_path.c_str(), nullptr);
@@ -183,15 +179,15 @@ void StorageModel::stAddDisk(const std::string& object_path) {
   disk.capacity = capacity;
 }
 
-void StorageModel::stAddPartition(const std::string& object_path) {
+void StorageModel::addPartition(const std::string& object_path) {
   PartitionParameters params;
   int error = 0;
-  for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-    if (cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stPartitionReader,
-                                            &params, &error) == 0)
-      break;
-    std::this_thread::sleep_for(config_.read_retry_pause);
-  }
+  (void)retryBusCall(
+      [&] {
+        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stPartitionReader,
+                                                   &params, &error);
+      },
+      config_.read_retry_pause);
   // A partition whose mount point does not resolve cannot be watched or
   // chosen, nor one whose path holds a control character: it is not recorded.
   if (error != 0 || !params.status || !params.mount_path || holdsControlCharacter(*params.mount_path)) return;
@@ -199,7 +195,7 @@ void StorageModel::stAddPartition(const std::string& object_path) {
   int32_t disk_index = -1;
   const int32_t partition_index = stPartitionIndex(object_path.c_str(), &disk_index);
   if (disk_index == -1 || partition_index == -1) return;
-  Disk* disk = stFindDisk(disk_index);
+  Disk* disk = findDisk(disk_index);
   // A second mount point that resolves to a recorded one (a symbolic link to
   // it) is the same tree: recording it twice would let its removal take the
   // other's watches with it.
@@ -213,62 +209,54 @@ void StorageModel::stAddPartition(const std::string& object_path) {
   partition.disk = disk;
   if (disk->refcount == 0) {
     const std::string disk_path = stDiskObjectPath(disk->index);
-    for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-      if (cs_incrementDiskRefcount(connection(), disk_path.c_str()) == 0) {
-        disk->refcount = 1;
-        break;
-      }
-    }
+    if (retryBusCall([&] { return cs_incrementDiskRefcount(connection(), disk_path.c_str()); }) == 0)
+      disk->refcount = 1;
   }
   const char* mount = partition.mount_path.c_str();
   partition.events.reset(tock_init(mount + 1, mount, 0, 0, 0));
   watches_.fsQueueAddWatch(partition.mount_path);
-  stArmDeadline();
+  armDeadline();
 }
 
-void StorageModel::stRemovePartition(Disk& disk, Partition& partition) {
+void StorageModel::removePartition(Disk& disk, Partition& partition) {
   partition.events.reset();
   watches_.fsQueueRemoveWatch(partition.mount_path);
   scanner_.stopBelow(partition.mount_path);
   removed_partitions_.insert(removed_partitions_.begin(), partition.mount_path);
-  stArmDeadline();
+  armDeadline();
   disk.partitions.remove_if([&](const Partition& p) { return &p == &partition; });
 }
 
-void StorageModel::stReleaseDisk(Disk& disk) {
+void StorageModel::releaseDisk(Disk& disk) {
   if (disk.refcount == 0) return;
   const std::string disk_path = stDiskObjectPath(disk.index);
-  for (int attempt = 0; attempt < kBusAttempts; ++attempt) {
-    if (cs_decrementDiskRefcount(connection(), disk_path.c_str()) == 0) {
-      --disk.refcount;
-      return;
-    }
-  }
+  if (retryBusCall([&] { return cs_decrementDiskRefcount(connection(), disk_path.c_str()); }) == 0)
+    --disk.refcount;
 }
 
-void StorageModel::stFreeDisk(Disk& disk) {
+void StorageModel::freeDisk(Disk& disk) {
   disks.remove_if([&](const Disk& d) { return &d == &disk; });
 }
 
-void StorageModel::stRemoveDisk(const std::string& object_path, bool release) {
+void StorageModel::removeDisk(const std::string& object_path, bool release) {
   MutexLock hold(storage_lock);
   const int32_t index = stDiskIndex(object_path.c_str(), nullptr);
   if (index == -1) return;
-  Disk* disk = stFindDisk(index);
+  Disk* disk = findDisk(index);
   if (!disk) return;
   if (disk->holds_metadata) loseMetadata();
-  while (!disk->partitions.empty()) stRemovePartition(*disk, disk->partitions.front());
-  if (release) stReleaseDisk(*disk);
-  stFreeDisk(*disk);
+  while (!disk->partitions.empty()) removePartition(*disk, disk->partitions.front());
+  if (release) releaseDisk(*disk);
+  freeDisk(*disk);
 }
 
-void StorageModel::stReleaseAllDisks() {
+void StorageModel::releaseAllDisks() {
   MutexLock hold(storage_lock);
   while (!disks.empty()) {
     Disk& disk = disks.front();
-    while (!disk.partitions.empty()) stRemovePartition(disk, disk.partitions.front());
-    stReleaseDisk(disk);
-    stFreeDisk(disk);
+    while (!disk.partitions.empty()) removePartition(disk, disk.partitions.front());
+    releaseDisk(disk);
+    freeDisk(disk);
   }
 }
 
@@ -279,7 +267,71 @@ Partition* StorageModel::findByMountPath(const std::string& mount_path) {
   return nullptr;
 }
 
-void StorageModel::stMarkScanned(const std::string& mount_path) {
+void StorageModel::removePartition(const std::string& object_path) {
+  MutexLock hold(storage_lock);
+  Disk* disk = nullptr;
+  if (Partition* partition = findPartition(object_path.c_str(), &disk)) removePartition(*disk, *partition);
+}
+
+bool StorageModel::hasPartitionAt(const std::string& mount_path) const {
+  MutexLock hold(storage_lock);
+  for (const Disk& disk : disks)
+    for (const Partition& partition : disk.partitions)
+      if (partition.mount_path == mount_path) return true;
+  return false;
+}
+
+StorageModel::ManagedChange StorageModel::setManaged(const std::string& object_path, bool managed) {
+  ManagedChange change;
+  MutexLock hold(storage_lock);
+  Disk* disk = nullptr;
+  Partition* partition = findPartition(object_path.c_str(), &disk);
+  if (partition) {
+    if (managed && partition->managed == 0) change.now_managed = partition->mount_path;
+    if (!managed && partition->managed != 0) change.no_longer_managed = partition->mount_path;
+    partition->managed = managed ? 1 : 0;
+  }
+  if (managed)
+    for (Disk& d : disks)
+      for (Partition& other : d.partitions)
+        if (&other != partition && other.managed) {
+          other.managed = 0;
+          change.no_longer_managed = other.mount_path;
+        }
+  return change;
+}
+
+void StorageModel::queueUnscannedPartitions(ScanRequests& scans) {
+  MutexLock hold(storage_lock);
+  for (const Disk& disk : disks)
+    for (const Partition& partition : disk.partitions)
+      if (!partition.scanned) scans.enqueue(partition.mount_path, kScanRuleDirectory);
+}
+
+void StorageModel::queueForcedRescan(ScanRequests& scans) {
+  if (storageReady()) scans.enqueue(config_.root, kScanStorageRoot);
+  MutexLock hold(storage_lock);
+  if (!storageReady()) return;
+  for (const Disk& disk : disks)
+    for (const Partition& partition : disk.partitions) scans.enqueue(partition.mount_path, kScanForcedRescan);
+}
+
+int StorageModel::setBusValue(const char* object, const char* parameter, const char* value) {
+  MutexLock hold(storage_lock);
+  return setBusValueLocked(object, parameter, value);
+}
+
+void StorageModel::setStorageStatus(int status) {
+  MutexLock hold(storage_lock);
+  setStorageStatusLocked(status);
+}
+
+void StorageModel::visitDisks(const std::function<void(const Disk&)>& visit) const {
+  MutexLock hold(storage_lock);
+  for (const Disk& disk : disks) visit(disk);
+}
+
+void StorageModel::markScanned(const std::string& mount_path) {
   MutexLock hold(storage_lock);
   if (Partition* partition = findByMountPath(mount_path)) partition->scanned = 1;
 }
@@ -293,7 +345,7 @@ bool StorageModel::pathIsOnPartition(const std::string& path) const {
   MutexLock hold(storage_lock);
   for (const Disk& disk : disks)
     for (const Partition& partition : disk.partitions)
-      if (pathIsUnder(path, partition.mount_path)) return true;
+      if (fsPathIsUnder(partition.mount_path.c_str(), path.c_str())) return true;
   return false;
 }
 
@@ -309,7 +361,7 @@ void StorageModel::sendChangeEvent(const std::string& path) {
   MutexLock hold(storage_lock);
   for (const Disk& disk : disks)
     for (const Partition& partition : disk.partitions)
-      if (pathIsUnder(path, partition.mount_path)) {
+      if (fsPathIsUnder(partition.mount_path.c_str(), path.c_str())) {
         if (partition.events)
           tock_event(partition.events.get(), path.c_str() + partition.mount_path.size(), 2);
         return;

@@ -6,9 +6,9 @@
 // partitions, chooses the metadata storage and publishes its status); the
 // scanner, watcher and main threads only ask questions (StorageQueries).
 //
-// Lock order: storage_lock is taken before the scan queue's mutex, never after
-// it. It is held while a value is written on the bus and while the scanner is
-// asked to stop (ScannerControl), which never takes it while it is waited for.
+// The storage lock is the first in the daemon's lock order
+// (docs/code-map.md). It is held while a value is written on the bus, while
+// scans are queued and while the scanner is asked to stop (ScannerControl).
 #pragma once
 
 #include <sys/time.h>
@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -23,8 +24,10 @@
 #include <vector>
 
 #include "common/mutex.h"
+#include "common/tag_names.h"
 #include "platform/rill.h"
 #include "platform/tock.h"
+#include "storage/scan_requests.h"
 #include "storage/scanner_control.h"
 #include "storage/storage_queries.h"
 #include "storage/watch_requests.h"
@@ -37,7 +40,7 @@ struct StorageConfig {
   std::string root = "/var/uuidmount";                 // below it lie every partition's mounts
   std::string kord_ini = "/tmp/.kord/kord.ini";        // tells the tag store where its database is
   std::string location = "/rw/zib_metadata_location";  // the chosen mount path, kept across restarts
-  std::string update_signal = "/var/kord/meta/.update";  // opened after each change of kord_ini
+  std::string update_signal = kKordUpdateSignal;        // opened after each change of kord_ini
   std::chrono::milliseconds read_retry_pause{1000};    // after each failed disk or partition read
   std::chrono::seconds settle_delay{30};               // from the last disk or partition change to the choice
 };
@@ -102,9 +105,6 @@ int32_t stDiskIndex(const char* path, const char** end);
 int32_t stPartitionIndex(const char* path, int32_t* disk_index);
 std::string stDiskObjectPath(int32_t index);
 
-// True when path equals base or continues it with "/".
-bool pathIsUnder(const std::string& path, const std::string& base);
-
 class StorageModel final : public StorageQueries {
  public:
   StorageModel(WatchRequests& watches, ScannerControl& scanner, StorageConfig config = {});
@@ -114,64 +114,87 @@ class StorageModel final : public StorageQueries {
 
   const StorageConfig& config() const { return config_; }
 
-  // The storage lock (stLock/stUnlock): guards the disk and partition lists
-  // and serialises writes on the bus.
-  mutable Mutex storage_lock;
-  std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
-
   // The bus connection while one is open (set and reset by the bus thread).
   void setConnection(rill_conn_t* connection) { connection_.store(connection); }
   rill_conn_t* connection() const { return connection_.load(); }
 
-  // Lookups; the caller holds the storage lock.
-  Disk* stFindDisk(int32_t index) REQUIRES(storage_lock);
-  Partition* stFindPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
-  // The first partition mounted exactly at mount_path, or null.
-  Partition* findByMountPath(const std::string& mount_path) REQUIRES(storage_lock);
-
   // List operations; bus thread.
-  void stAddDisk(const std::string& object_path) EXCLUDES(storage_lock);
-  void stAddPartition(const std::string& object_path) EXCLUDES(storage_lock);
-  void stRemovePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
-  void stReleaseDisk(Disk& disk) REQUIRES(storage_lock);
-  void stFreeDisk(Disk& disk) REQUIRES(storage_lock);
-  void stRemoveDisk(const std::string& object_path, bool release) EXCLUDES(storage_lock);
+  void addDisk(const std::string& object_path) EXCLUDES(storage_lock);
+  void addPartition(const std::string& object_path) EXCLUDES(storage_lock);
+  // Removes the partition of the object "Storage.Disk.<d>.Partition.<p>", if
+  // recorded.
+  void removePartition(const std::string& object_path) EXCLUDES(storage_lock);
+  void removeDisk(const std::string& object_path, bool release) EXCLUDES(storage_lock);
   // At the end of a connection: removes every partition of every disk,
   // releases each disk's reference and frees it.
-  void stReleaseAllDisks() EXCLUDES(storage_lock);
+  void releaseAllDisks() EXCLUDES(storage_lock);
   // Sets the scanned flag of the first partition mounted exactly at path.
-  void stMarkScanned(const std::string& mount_path) EXCLUDES(storage_lock);
+  void markScanned(const std::string& mount_path) EXCLUDES(storage_lock);
+  // True when a partition is mounted exactly at mount_path.
+  bool hasPartitionAt(const std::string& mount_path) const EXCLUDES(storage_lock);
 
-  // The one write of a value on the bus; 0 on success, -1 without connection.
-  int stSetBusValue(const char* object, const char* parameter, const char* value)
-      REQUIRES(storage_lock);
-  void stSetStorageStatus(int status) REQUIRES(storage_lock);
+  // The managed flag ("Manageddisk") of the partition of object_path moves:
+  // set, it is taken from every other partition (at most one is managed).
+  // What changed, by mount path.
+  struct ManagedChange {
+    std::optional<std::string> now_managed;
+    std::optional<std::string> no_longer_managed;
+  };
+  ManagedChange setManaged(const std::string& object_path, bool managed) EXCLUDES(storage_lock);
+
+  // Scan requests, queued under the storage lock (the scan queue's mutex
+  // comes after it). Every partition not yet reported scanned, as kind 1:
+  void queueUnscannedPartitions(ScanRequests& scans) EXCLUDES(storage_lock);
+  // "ForceRescan": the storage root (kind 3) and every partition (kind 2),
+  // while a metadata storage is chosen.
+  void queueForcedRescan(ScanRequests& scans) EXCLUDES(storage_lock);
+
+  // The one write of a value on the bus, under the storage lock; 0 on
+  // success, -1 without connection.
+  int setBusValue(const char* object, const char* parameter, const char* value) EXCLUDES(storage_lock);
+  // Publishes the status when it changes; a new choice is scanned again.
+  void setStorageStatus(int status) EXCLUDES(storage_lock);
   int storageStatus() const { return status_.load(); }
-  bool stStorageReady() const { return status_.load() == kStorageOk; }
   bool initialScanDone() const { return initial_scan_done_.load() != 0; }
 
   // The settle deadline: bus thread only, no lock.
-  void stArmDeadline();
+  void armDeadline();
   const std::optional<timeval>& deadline() const { return deadline_; }
   void disarmDeadline() { deadline_.reset(); }
 
-  bool stIsSuitable(const Partition& partition, bool existing_database_only) const;
-  void stSelectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
+  bool isSuitable(const Partition& partition, bool existing_database_only) const;
   // The selection run when the deadline expires with status "NoSuitableDisk":
   // remembered location, then first existing database, then the best new
   // place. True when a partition was selected.
-  bool stChooseMetadataStorage() EXCLUDES(storage_lock);
+  bool chooseMetadataStorage() EXCLUDES(storage_lock);
   // Mount paths of the partitions removed since the last call.
   std::vector<std::string> takeRemovedPartitions() EXCLUDES(storage_lock);
+  // Calls visit for each disk, newest first, under the storage lock (tests).
+  void visitDisks(const std::function<void(const Disk&)>& visit) const EXCLUDES(storage_lock);
 
   // StorageQueries.
-  bool storageReady() const override { return stStorageReady(); }
+  bool storageReady() const override { return status_.load() == kStorageOk; }
   bool pathIsOnPartition(const std::string& path) const override EXCLUDES(storage_lock);
   std::optional<std::string> managedPartitionPath() const override EXCLUDES(storage_lock);
   void sendChangeEvent(const std::string& path) override EXCLUDES(storage_lock);
   void markInitialScanDone() override { initial_scan_done_.store(1); }
 
  private:
+  // The storage lock: guards the disk and partition lists and serialises
+  // writes on the bus.
+  mutable Mutex storage_lock;
+  std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
+
+  Disk* findDisk(int32_t index) REQUIRES(storage_lock);
+  Partition* findPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
+  // The first partition mounted exactly at mount_path, or null.
+  Partition* findByMountPath(const std::string& mount_path) REQUIRES(storage_lock);
+  void removePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
+  void releaseDisk(Disk& disk) REQUIRES(storage_lock);
+  void freeDisk(Disk& disk) REQUIRES(storage_lock);
+  int setBusValueLocked(const char* object, const char* parameter, const char* value) REQUIRES(storage_lock);
+  void setStorageStatusLocked(int status) REQUIRES(storage_lock);
+  void selectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
   void loseMetadata() REQUIRES(storage_lock);
   void signalTagStore() const;
   bool selectIfSuitable(Partition* partition, bool existing_database_only) REQUIRES(storage_lock);

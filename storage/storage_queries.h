@@ -12,7 +12,7 @@ class StorageQueries {
  public:
   virtual ~StorageQueries() = default;
 
-  // stStorageReady: true while a metadata storage is chosen (status "OK").
+  // True while a metadata storage is chosen (status "OK").
   // Any thread; takes no lock.
   virtual bool storageReady() const = 0;
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/fs_error.h"
+#include "common/tag_names.h"
 #include "common/walk.h"
 #include "platform/kord.h"
 #include "scan/kord_bulk.h"
@@ -17,8 +18,6 @@
 namespace zibd {
 
 namespace {
-
-constexpr char kInvisibleTag[] = ".s.invisible";
 
 bool has(std::uint32_t flags, std::uint32_t wanted) { return (flags & wanted) == wanted; }
 
@@ -43,7 +42,7 @@ void tagInvisible(const char* path) {
   KordBulk bulk(kord_bulk_init());
   if (!bulk) return;
   (void)kord_bulk_setpath(bulk.get(), path);
-  (void)kord_bulk_settag_recursive(bulk.get(), kInvisibleTag, "1");
+  (void)kord_bulk_settag_recursive(bulk.get(), kTagInvisible, "1");
   (void)kord_bulk_commit(bulk.get());
 }
 

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "scan/scan_requests.h"
+#include "storage/scan_requests.h"
 #include "storage/storage_queries.h"
 
 namespace zibd {

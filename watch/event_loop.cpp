@@ -42,6 +42,16 @@ bool WatchEventLoop::step() {
   return true;
 }
 
+void WatchEventLoop::run() noexcept {
+  for (;;) {
+    try {
+      if (!step()) return;
+    } catch (...) {
+      // The rest of the pass is lost and the loop carries on (docs/code-map.md).
+    }
+  }
+}
+
 void WatchEventLoop::readEvents() {
   const ssize_t count = ::read(table_.descriptor(), buffer_, sizeof buffer_);
   if (count <= 0) return;

@@ -50,10 +50,9 @@ class WatchEventLoop {
   // changes flushed. False when the loop is to end: the running flag was
   // clear, the termination pipe readable, or the wait itself failed.
   bool step();
-  void run() {
-    while (step()) {
-    }
-  }
+  // The main thread's body: steps until one returns false. A pass that throws
+  // loses the events it had read; the loop carries on.
+  void run() noexcept;
 
   // Move-from events still waiting for their partner (tests).
   std::size_t pendingMoves() const { return moves_.size(); }

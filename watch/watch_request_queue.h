@@ -2,8 +2,7 @@
 // at a time by the watcher thread (watch/watcher_thread.h), so that neither
 // the bus thread nor the event loop waits for a long walk.
 //
-// Lock order: the queue's mutex is never held together with the watch
-// table's (watch/watch_table.h); a remover waits on add_finished_ without the
+// Lock order: docs/code-map.md; a remover waits on add_finished_ without the
 // table's mutex.
 #pragma once
 

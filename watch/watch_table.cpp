@@ -175,7 +175,6 @@ void WatchTable::freeNodes(WatchNode* list) {
 }
 
 int WatchTable::fsInitWatch() {
-  if (initialised_) return kFsOk;
   inotify_.reset(::inotify_init1(IN_CLOEXEC));
   return kFsOk;
 }
@@ -308,19 +307,6 @@ int WatchTable::fsRemoveWatch(const char* path) {
   for (const int wd : descriptors) (void)::inotify_rm_watch(inotify_.get(), wd);
   freeNodes(node);
   return kFsOk;
-}
-
-int WatchTable::fsCloseWatch() {
-  if (!initialised_) return kFsOk;
-  std::string root_name;
-  {
-    MutexLock lock(mutex_);
-    if (root_) root_name = root_->name;
-  }
-  int result = root_name.empty() ? kFsOk : fsRemoveWatch(root_name.c_str());
-  if (inotify_.reset() != 0) result = kFsErrSystem;
-  initialised_ = false;
-  return result;
 }
 
 bool WatchTable::fullPath(const WatchNode* node, FsPathBuffer& buffer) {

@@ -4,9 +4,8 @@
 // on the main thread looks descriptors up, follows directory moves in the
 // trie and adds or removes single directories.
 //
-// Lock order: the table's mutex is never held together with the watch request
-// queue's (watch/watch_request_queue.h), and never across a call out of this
-// file other than inotify_add_watch.
+// Lock order: docs/code-map.md. The table's mutex is never held across a call
+// out of this file other than inotify_add_watch.
 #pragma once
 
 #include <atomic>
@@ -101,7 +100,8 @@ class WatchTable {
   // while it is set every add returns kFsStopped.
   explicit WatchTable(const std::atomic<int>& add_aborted) : add_aborted_(add_aborted) {}
   // Frees every node, including those the table's rules have dropped from the
-  // trie, and closes the inotify instance.
+  // trie, and closes the inotify instance. Shutdown leaves the watches to
+  // this (the daemon's end), not to a removal of each tree.
   ~WatchTable();
   WatchTable(const WatchTable&) = delete;
   WatchTable& operator=(const WatchTable&) = delete;
@@ -129,10 +129,6 @@ class WatchTable {
   // trees stay watched and indexed, but can no longer be found by path).
   // Returns 0, or kFsErrInvalid when the path is not in the table.
   int fsRemoveWatch(const char* path) EXCLUDES(mutex_);
-
-  // Shutdown: the table is never marked initialised, so this returns 0 and
-  // leaves the watches to the process exit.
-  int fsCloseWatch() EXCLUDES(mutex_);
 
   // The inotify descriptor the event loop reads (negative when none).
   int descriptor() const { return inotify_.get(); }
@@ -163,8 +159,6 @@ class WatchTable {
 
   const std::atomic<int>& add_aborted_;
   FileDescriptor inotify_;
-  // Never set: shutdown leaves the table to the process exit.
-  bool initialised_ = false;
   Mutex mutex_;
   WatchNode* root_ GUARDED_BY(mutex_) = nullptr;
   WatchIndex index_ GUARDED_BY(mutex_);

@@ -18,7 +18,8 @@ class WatcherThread {
   // was found clear instead.
   bool step();
   // The thread body: steps until the running flag is clear (shutdown clears
-  // it and calls WatchRequestQueue::fsStopWatcher).
+  // it and calls WatchRequestQueue::fsStopWatcher). A step that throws drops
+  // its request; the thread carries on.
   void run() noexcept;
 
  private:

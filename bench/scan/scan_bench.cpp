@@ -73,10 +73,10 @@ double cpu() { return cpuOf(RUSAGE_SELF) + cpuOf(RUSAGE_CHILDREN); }
 class OneRule : public IndexRules {
  public:
   explicit OneRule(std::string dir) : dir_(std::move(dir)) {}
-  uint32_t stRuleCategories(const std::string& path) const override {
+  uint32_t ruleCategories(const std::string& path) const override {
     return fsPathIsUnder(dir_.c_str(), path.c_str()) && path != dir_ ? uint32_t{kCategoryMovies} : 0U;
   }
-  void stResolveRulePaths() override {}
+  void resolveRulePaths() override {}
 
  private:
   std::string dir_;

@@ -75,7 +75,7 @@ void parseConfigurationLine(const std::string& text, Location* out) {
 }
 
 std::shared_ptr<const Location> Configuration::current() {
-  std::lock_guard lock(mutex_);
+  zibd::MutexLock lock(mutex_);
   bool moved = followEnvironment();
   bool signalled = updateSignalled();
   Stamp stamp;
@@ -94,7 +94,7 @@ std::shared_ptr<const Location> Configuration::current() {
 }
 
 void Configuration::useDatabase(const std::string& file) {
-  std::lock_guard lock(mutex_);
+  zibd::MutexLock lock(mutex_);
   override_database_ = file;
   location_.reset();
 }

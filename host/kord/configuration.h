@@ -8,10 +8,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "common/file_descriptor.h"
+#include "common/mutex.h"
 
 namespace zibd::kord {
 
@@ -49,22 +49,22 @@ class Configuration {
     bool operator==(const Stamp&) const = default;
   };
 
-  bool followEnvironment();  // true when a path changed
-  bool updateSignalled();    // true when .update was opened (or the watch is new)
-  std::shared_ptr<const Location> reload();
+  bool followEnvironment() REQUIRES(mutex_);  // true when a path changed
+  bool updateSignalled() REQUIRES(mutex_);    // true when .update was opened (or the watch is new)
+  std::shared_ptr<const Location> reload() REQUIRES(mutex_);
 
-  std::mutex mutex_;  // guards every member below
-  std::string ini_path_;
-  std::string update_path_;
-  std::string views_root_;
-  std::string override_database_;
-  FileDescriptor inotify_;
-  int watch_ = -1;
-  std::int64_t next_watch_attempt_ns_ = 0;  // while watch_ < 0
-  Stamp stamp_;
-  std::string text_;  // content of the configuration file at the last reload
-  std::shared_ptr<const Location> location_;
-  std::uint64_t generation_ = 0;
+  zibd::Mutex mutex_;
+  std::string ini_path_ GUARDED_BY(mutex_);
+  std::string update_path_ GUARDED_BY(mutex_);
+  std::string views_root_ GUARDED_BY(mutex_);
+  std::string override_database_ GUARDED_BY(mutex_);
+  FileDescriptor inotify_ GUARDED_BY(mutex_);
+  int watch_ GUARDED_BY(mutex_) = -1;
+  std::int64_t next_watch_attempt_ns_ GUARDED_BY(mutex_) = 0;  // while watch_ < 0
+  Stamp stamp_ GUARDED_BY(mutex_);
+  std::string text_ GUARDED_BY(mutex_);  // content of the configuration file at the last reload
+  std::shared_ptr<const Location> location_ GUARDED_BY(mutex_);
+  std::uint64_t generation_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace zibd::kord

@@ -1,22 +1,25 @@
 // The client connection record behind rill_conn_t (platform/rill.h).
 #pragma once
 
-#include <mutex>
 #include <optional>
 
+#include "common/mutex.h"
 #include "host/rill/client.h"
 #include "platform/rill.h"
 
 // A connection may be shared by threads: requests are serialised on
-// request_mutex, notification dispatch on notify_mutex. Lock order:
-// request_mutex before notify_mutex. Neither is held while a callback runs.
+// request_mutex, notification dispatch on notify_mutex. Neither is held while
+// a callback runs.
 struct rill_conn {
-  std::mutex request_mutex;  // guards client's request connection and its use
+  // Guards client's request connection and its use; attaching the
+  // notification connection takes both. (The client's two halves are guarded
+  // by different mutexes, which the annotations cannot say of one member.)
+  zibd::Mutex request_mutex ACQUIRED_BEFORE(notify_mutex);
   zibd::rill::Client client;
 
-  std::mutex notify_mutex;  // guards client's notification connection and the two below
-  rill_notify_fn notify_fn = nullptr;
-  void* notify_context = nullptr;
+  zibd::Mutex notify_mutex;  // guards client's notification connection and the two below
+  rill_notify_fn notify_fn GUARDED_BY(notify_mutex) = nullptr;
+  void* notify_context GUARDED_BY(notify_mutex) = nullptr;
 };
 
 namespace zibd::rill {
@@ -29,7 +32,7 @@ inline constexpr int kInvalid = -2;
 // Sends one request on the connection's request channel and waits for its
 // reply; nullopt when the connection to the bus failed. Takes request_mutex.
 inline std::optional<Reply> call(rill_conn_t* conn, Request request) {
-  std::lock_guard lock(conn->request_mutex);
+  zibd::MutexLock lock(conn->request_mutex);
   return conn->client.call(std::move(request));
 }
 

@@ -1,5 +1,4 @@
 // The C client library of platform/rill.h on top of zibd::rill::Client.
-#include <mutex>
 
 #include "host/rill/api_types.h"
 #include "host/rill/conn.h"
@@ -158,7 +157,8 @@ int rill_invoke_ccmd_subscribe(rill_conn_t* conn, rill_ccmd_t* cmd, int flags,
     {
       // The notification connection exists before the first subscription,
       // so that no notification of it is lost.
-      std::scoped_lock lock(conn->request_mutex, conn->notify_mutex);
+      zibd::MutexLock request_lock(conn->request_mutex);
+      zibd::MutexLock notify_lock(conn->notify_mutex);
       if (!conn->client.attachNotify()) return kLost;
       conn->notify_fn = notify_fn;
       conn->notify_context = context;
@@ -181,7 +181,8 @@ void rill_ccmd_cleanup(rill_ccmd_t* cmd) {
 int rill_getnotifylistensocket(rill_conn_t* conn) {
   if (!conn) return -1;
   return guarded(-1, [&] {
-    std::scoped_lock lock(conn->request_mutex, conn->notify_mutex);
+    zibd::MutexLock request_lock(conn->request_mutex);
+    zibd::MutexLock notify_lock(conn->notify_mutex);
     return conn->client.attachNotify() ? conn->client.notifications().fd() : -1;
   });
 }
@@ -195,7 +196,7 @@ int rill_msg_parse(int socket, rill_conn_t* conn) {
     void* context;
     bool alive;
     {
-      std::lock_guard lock(conn->notify_mutex);
+      zibd::MutexLock lock(conn->notify_mutex);
       notifications = conn->client.notifications().takeNotifications(&alive);
       notify_fn = conn->notify_fn;
       context = conn->notify_context;
@@ -217,7 +218,7 @@ int rill_msg_parse(int socket, rill_conn_t* conn) {
 
 int rill_invoke_unregister(rill_conn_t* conn) {
   if (!conn) return kInvalid;
-  std::lock_guard lock(conn->notify_mutex);
+  zibd::MutexLock lock(conn->notify_mutex);
   conn->notify_fn = nullptr;
   conn->notify_context = nullptr;
   return 0;
@@ -225,7 +226,8 @@ int rill_invoke_unregister(rill_conn_t* conn) {
 
 void rill_ctx_reset(rill_conn_t* conn) {
   if (!conn) return;
-  std::scoped_lock lock(conn->request_mutex, conn->notify_mutex);
+  zibd::MutexLock request_lock(conn->request_mutex);
+  zibd::MutexLock notify_lock(conn->notify_mutex);
   conn->client.close();
 }
 
@@ -235,7 +237,7 @@ int rill_invoke_get_client_writelock(rill_conn_t* conn, int timeout_s, int flags
   (void)flags;  // -1, the default, is all there is
   if (!conn) return kInvalid;
   return guarded(kLost, [&] {
-    std::lock_guard lock(conn->request_mutex);
+    zibd::MutexLock lock(conn->request_mutex);
     auto status = conn->client.lock(timeout_s);
     return status ? statusCode(*status) : kLost;
   });

@@ -8,7 +8,7 @@
 
 #include "bus/bus_thread.h"
 #include "bus/control_pipe.h"
-#include "scan/scan_requests.h"
+#include "storage/scan_requests.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/wait_for.h"
 #include "tests/unit/storage/storage_fixture.h"
@@ -98,7 +98,7 @@ class BusThreadTest : public StorageTest {
 TEST_F(BusThreadTest, OnePublicationPerDrainAndAStopGivesEverythingBack) {
   connectThread();
   EXPECT_THAT(mounts(), ::testing::UnorderedElementsAre(big_, stick_));
-  EXPECT_EQ(rules_->stFindRule("ContentSharing.UPnPAV.IndexRules.1")->categories, kCategoryMovies);
+  EXPECT_EQ(rules_->findRule("ContentSharing.UPnPAV.IndexRules.1")->categories, kCategoryMovies);
   EXPECT_EQ(std::set(thread_->subscriptions().begin(), thread_->subscriptions().end()).size(), 6u);
   EXPECT_EQ(syncBytes(), "");
   pipe_.reportProfiling(0);  // already ready: nothing to publish
@@ -129,7 +129,7 @@ TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumberAndForceRescanIsA
   for (const auto& s : steps) {
     SCOPED_TRACE(std::string(s.param) + "=" + s.value);
     change(rule, s.param, s.value);
-    EXPECT_EQ(rules_->stRuleCategories(big_ + "/Media/a"), s.categories);
+    EXPECT_EQ(rules_->ruleCategories(big_ + "/Media/a"), s.categories);
   }
   change("Storage.Disk.2.Partition.1", "Manageddisk", "1");  // the managed disk moves
   EXPECT_EQ(model_->managedPartitionPath(), stick_);
@@ -141,7 +141,7 @@ TEST_F(BusThreadTest, RuleFlagsAreBooleansTheManagedFlagANumberAndForceRescanIsA
   scans_.taken();  // the rule changes' own scans
   change("VFS.MetaDataService", "ForceRescan", "1");  // no storage yet: nothing queued, but reset
   EXPECT_THAT(scans_.taken(), IsEmpty());
-  ASSERT_TRUE(model_->stChooseMetadataStorage());
+  ASSERT_TRUE(model_->chooseMetadataStorage());
   change("VFS.MetaDataService", "ForceRescan", "2");
   EXPECT_THAT(scans_.taken(), IsEmpty());
   change("VFS.MetaDataService", "ForceRescan", "1");

@@ -47,14 +47,14 @@ struct FakeRules : IndexRules {
   std::map<std::string, uint32_t> rules;
   std::atomic<int> resolves{0};
 
-  uint32_t stRuleCategories(const std::string& path) const override {
+  uint32_t ruleCategories(const std::string& path) const override {
     uint32_t mask = 0;
     for (const auto& [dir, categories] : rules)
       if (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/')
         mask |= categories;
     return mask;
   }
-  void stResolveRulePaths() override { ++resolves; }
+  void resolveRulePaths() override { ++resolves; }
 };
 
 // Loads text as a map file: the parse result (0 or a line number).

@@ -103,10 +103,10 @@ class StorageTest : public SandboxTest {
   }
   // The mount paths of every recorded partition, newest disk and partition first.
   std::vector<std::string> mounts() {
-    MutexLock hold(model_->storage_lock);
     std::vector<std::string> all;
-    for (const Disk& disk : model_->disks)
+    model_->visitDisks([&](const Disk& disk) {
       for (const Partition& p : disk.partitions) all.push_back(p.mount_path);
+    });
     return all;
   }
 

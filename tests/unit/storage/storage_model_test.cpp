@@ -24,8 +24,8 @@ class StorageModelTest : public StorageTest {
               const std::vector<std::string>& partitions) {
     startBroker(model);
     connectModel();
-    for (const std::string& d : disks) model_->stAddDisk(d);
-    for (const std::string& p : partitions) model_->stAddPartition(p);
+    for (const std::string& d : disks) model_->addDisk(d);
+    for (const std::string& p : partitions) model_->addPartition(p);
   }
 };
 
@@ -52,10 +52,7 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferenc
   EXPECT_EQ(refcount("Storage.Disk.1"), 1);
   EXPECT_TRUE(model_->deadline().has_value());
   EXPECT_FALSE(model_->managedPartitionPath());
-  {
-    MutexLock hold(model_->storage_lock);
-    model_->disks.front().partitions.back().managed = 1;
-  }
+  EXPECT_EQ(model_->setManaged("Storage.Disk.1.Partition.1", true).now_managed, a);
   EXPECT_EQ(model_->managedPartitionPath(), a);
   // A change event goes out through the partition the path lies on, if any.
   model_->sendChangeEvent(a + "/Media/film.mkv");
@@ -64,8 +61,8 @@ TEST_F(StorageModelTest, RecordsUpPartitionsWithResolvableMountsTakesOneReferenc
   EXPECT_EQ(sandbox_.read("tock.events"), a.substr(1) + "\t2\t/Media/film.mkv\n" + b.substr(1) + "\t2\t\n");
   // Reads that fail add nothing and never hang.
   stopBroker();
-  model_->stAddDisk("Storage.Disk.2");
-  model_->stAddPartition("Storage.Disk.2.Partition.1");
+  model_->addDisk("Storage.Disk.2");
+  model_->addPartition("Storage.Disk.2.Partition.1");
   EXPECT_THAT(mounts(), ElementsAre(c, b, a));
 }
 
@@ -97,7 +94,7 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
   if (*c.location) sandbox_.write("location", root_ + "/" + c.location);
   record(model, {"Storage.Disk.1", "Storage.Disk.2", "Storage.Disk.3"}, objects);
 
-  EXPECT_EQ(model_->stChooseMetadataStorage(), *c.chosen != '\0');
+  EXPECT_EQ(model_->chooseMetadataStorage(), *c.chosen != '\0');
   if (!*c.chosen) {
     EXPECT_EQ(model_->storageStatus(), kNoSuitableDisk);
     EXPECT_EQ(sandbox_.read("kord.ini"), "");
@@ -109,9 +106,9 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
   EXPECT_THAT(sandbox_.read("kord.ini"),
               ::testing::MatchesRegex("dms-metadata-db-[0-9]+:" + root_ + ":" + chosen + "/\\.kord/tagdb\n"));
   EXPECT_THAT(history("VFS.MetaDataService", "MetaDataStorageStatus"), ElementsAre("OK"));
-  MutexLock hold(model_->storage_lock);
-  for (const Disk& disk : model_->disks)
+  model_->visitDisks([&](const Disk& disk) {
     EXPECT_EQ(disk.holds_metadata, !disk.partitions.empty() && disk.partitions.front().mount_path == chosen ? 1u : 0u) << disk.index;
+  });
 }
 
 // More KB than an unsigned long holds, or 4 TiB (over 32 bits), are plenty everywhere; text is none.
@@ -132,21 +129,21 @@ INSTANTIATE_TEST_SUITE_P(Cases, ChoiceTest, ::testing::ValuesIn(kChoiceCases),
                          [](const ::testing::TestParamInfo<ChoiceCase>& param) { return std::string(param.param.name); });
 
 IndexRule rule(const std::string& object, std::optional<std::string> dir, uint32_t categories, uint32_t enabled = 1) {
-  return {.enabled = enabled, .path = {}, .uuid = "ab", .partition_name = {}, .directory_name = dir,
+  return {.enabled = enabled, .path = {}, .uuid = "ab", .directory_name = dir,
           .object_path = object, .categories = categories};
 }
 
 TEST_F(StorageTest, RulesAreReadFromTheBusResolvedThroughLinksAndCountOnlyStrictlyBelow) {
   RuleRegistry added("/r");
-  added.stAddRule(rule("R.1", "Media/", kCategoryMovies));
-  added.stAddRule(rule("R.2", std::nullopt, kCategoryMusic));  // no directory: no path
-  added.stAddRule(rule("R.3", "Media/Films", kCategoryPictures));
-  added.stAddRule(rule("R.4", "Media", kCategoryMusic, 0));  // disabled
-  EXPECT_EQ(added.stFindRule("R.1")->path, "/r/ab/Media");
-  EXPECT_FALSE(added.stFindRule("R.2")->path);
+  added.addRule(rule("R.1", "Media/", kCategoryMovies));
+  added.addRule(rule("R.2", std::nullopt, kCategoryMusic));  // no directory: no path
+  added.addRule(rule("R.3", "Media/Films", kCategoryPictures));
+  added.addRule(rule("R.4", "Media", kCategoryMusic, 0));  // disabled
+  EXPECT_EQ(added.findRule("R.1")->path, "/r/ab/Media");
+  EXPECT_FALSE(added.findRule("R.2")->path);
   for (const auto& [path, mask] : {std::pair{"/r/ab/Media/Films/film.mkv", 5u}, {"/r/ab/Media/Films2/x", 1u},
                                    {"/r/ab/Media/Films", 1u}, {"/r/ab/Media", 0u}, {"/r/cd/Media/x", 0u}})
-    EXPECT_EQ(added.stRuleCategories(path), mask) << path;
+    EXPECT_EQ(added.ruleCategories(path), mask) << path;
   const std::string rule1 = "ContentSharing.UPnPAV.IndexRules.1", rule2 = "ContentSharing.UPnPAV.IndexRules.2";
   // EnableMusic is no boolean: the last good conversion (true) still counts.
   startBroker(rule1 + ".Status=Up\n" + rule1 + ".UUID=link\n" + rule1 + ".PartitionName=Family disk\n" + rule1 +
@@ -154,22 +151,21 @@ TEST_F(StorageTest, RulesAreReadFromTheBusResolvedThroughLinksAndCountOnlyStrict
               ".EnablePicture=0\n" + rule2 + ".Status=Down\n" + rule2 + ".EnableMovie=1\n");
   RuleRegistry rules(root_);
   connectModel();
-  ASSERT_EQ(rules.stReadRule(conn_, rule1), 0);
-  ASSERT_EQ(rules.stReadRule(conn_, rule2), 0);
-  rules.stReadRule(conn_, "ContentSharing.UPnPAV.IndexRules.9");  // missing: no record
-  EXPECT_FALSE(rules.stFindRule("ContentSharing.UPnPAV.IndexRules.9"));
-  auto first = rules.stFindRule(rule1);
+  ASSERT_EQ(rules.readRule(conn_, rule1), 0);
+  ASSERT_EQ(rules.readRule(conn_, rule2), 0);
+  rules.readRule(conn_, "ContentSharing.UPnPAV.IndexRules.9");  // missing: no record
+  EXPECT_FALSE(rules.findRule("ContentSharing.UPnPAV.IndexRules.9"));
+  auto first = rules.findRule(rule1);
   ASSERT_TRUE(first);
   EXPECT_EQ(first->enabled, 1u);
   EXPECT_EQ(first->path, root_ + "/link/Media");
-  EXPECT_EQ(first->partition_name, "Family disk");
   EXPECT_EQ(first->categories, kCategoryMovies | kCategoryMusic);
-  EXPECT_EQ(rules.stFindRule(rule2)->enabled, 0u);
+  EXPECT_EQ(rules.findRule(rule2)->enabled, 0u);
   sandbox_.mkdirs("uuidmount/real/Media");
   ASSERT_EQ(::symlink((root_ + "/real").c_str(), (root_ + "/link").c_str()), 0);
-  rules.stResolveRulePaths();
-  EXPECT_EQ(rules.stFindRule(rule1)->path, root_ + "/real/Media");
-  EXPECT_EQ(rules.stRuleCategories(root_ + "/real/Media/a.mp3"), kCategoryMovies | kCategoryMusic);
+  rules.resolveRulePaths();
+  EXPECT_EQ(rules.findRule(rule1)->path, root_ + "/real/Media");
+  EXPECT_EQ(rules.ruleCategories(root_ + "/real/Media/a.mp3"), kCategoryMovies | kCategoryMusic);
 }
 
 }  // namespace

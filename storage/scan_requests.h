@@ -1,6 +1,6 @@
-// Where scan requests go: the scan request queue implements it. The bus
-// thread (kinds 1, 2, 3) and the filesystem change handling (kinds 0, 4) queue
-// through it; their unit tests use fakes.
+// Where scan requests go: the scan request queue (scan/) implements it. The
+// bus thread and the storage model (kinds 1, 2, 3) and the filesystem change
+// handling (kinds 0, 4) queue through it; their unit tests use fakes.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ class ScanRequests {
 
   // Queues path (normalised with realpath; dropped when it does not resolve
   // or while no metadata storage is chosen). Any thread; the storage lock may
-  // be held (it is always taken before the queue's own mutex).
+  // be held (docs/code-map.md).
   virtual void enqueue(const std::string& path, uint32_t kind) = 0;
 };
 
