@@ -24,6 +24,7 @@ namespace {
 // How long a writer waits for another connection's write lock. The daemon's
 // writers hold it for one file's tags at a time.
 constexpr int kBusyTimeoutMs = 10000;
+constexpr int kCacheKiB = 512;
 constexpr std::size_t kMaxViewName = 255;  // NAME_MAX: the name is a directory entry
 // How far the rows of one condition term are counted to find the most
 // selective term; a view holds at most 100 files.
@@ -188,6 +189,9 @@ Store::Store(std::shared_ptr<const Location> location)
     Query(wal).run();
   }
   connection_.exec("PRAGMA synchronous=NORMAL");
+  // A small page cache per connection: the gateway has little memory, and
+  // the writes go in path order, touching few pages at a time.
+  connection_.exec("PRAGMA cache_size=-" + std::to_string(kCacheKiB));
   std::int64_t version;
   {
     Statement pragma(connection_, "PRAGMA user_version");
