@@ -47,8 +47,8 @@ fault common/walk.cpp \
   "return entry.d_type == DT_REG;" \
   "walk: symbolic links are not reported as files"
 fault common/spawn.cpp \
-  "closeRange(report_fd + 1, -1, fd_limit);" \
-  "closeRange(report_fd + 2, -1, fd_limit);" \
+  "closeRange(report_fd + 1, daemon_stderr < 0 ? -1 : daemon_stderr, fd_limit);" \
+  "closeRange(report_fd + 2, daemon_stderr < 0 ? -1 : daemon_stderr, fd_limit);" \
   "spawn: one descriptor above the report pipe leaks into the child"
 fault common/spawn.cpp \
   "if (got == static_cast<ssize_t>(sizeof exec_errno)) result.exec_error = exec_errno;" \
@@ -107,8 +107,8 @@ fault scan/file_type_map.cpp \
   "if (*line == '\\0') continue;" \
   "type map: comment lines are parsed as records"
 fault scan/profiler_run.cpp \
-  "batch <= last_batch && !stopped()" \
-  "batch < last_batch && !stopped()" \
+  "batch <= record->pending_count / kBatchSize && !stopped()" \
+  "batch < record->pending_count / kBatchSize && !stopped()" \
   "batches: the last (often only) batch is never profiled"
 fault scan/scanner_thread.cpp \
   "if (result == 0) storage_.markInitialScanDone();" \
@@ -125,8 +125,8 @@ fault watch/change_handler.cpp \
   "" \
   "quiet time: a further change does not restart the directory's quiet time"
 fault watch/change_handler.cpp \
-  "changes_.push_back({parent.data(), now, created_file});" \
-  "changes_.push_back({parent.data(), now, false});" \
+  "if (!change.waiting_for_close && created_file)" \
+  "if (false)" \
   "quiet time: a created file is scanned before it is closed"
 fault watch/change_handler.cpp \
   "(void)kord_delete(it->path.c_str());" \
