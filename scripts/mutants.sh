@@ -125,8 +125,8 @@ fault watch/change_handler.cpp \
   "" \
   "quiet time: a further change does not restart the directory's quiet time"
 fault watch/change_handler.cpp \
-  "if (!change.waiting_for_close && created_file)" \
-  "if (false)" \
+  "    change.waiting_for_close = true;" \
+  "    change.waiting_for_close = false;" \
   "quiet time: a created file is scanned before it is closed"
 fault watch/change_handler.cpp \
   "(void)kord_delete(it->path.c_str());" \
