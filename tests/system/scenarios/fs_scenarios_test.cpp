@@ -2,10 +2,7 @@
 // gateway mounts them (scripts/disks.sh): the road of a file, a rename that
 // changes only case, a directory move, hostile and 255-byte names, deletes,
 // and a time set to an odd second. What a file system refuses to store is a
-// failed copy; zibd goes on with every name it was given. Directories are
-// made before the files in them are copied: a directory's own files are
-// scanned only once its watch is in place (a copied tree relies on that on
-// every file system alike).
+// failed copy; zibd goes on with every name it was given.
 #include "tests/system/scenarios/scenario.h"
 
 namespace zibd::test {
