@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "common/deadline.h"
 #include "platform/cs.h"
 #include "platform/kord.h"
 #include "platform/stage.h"
@@ -127,12 +128,12 @@ bool BusThread::step() {
 // Waits length, or less when the daemon stops meanwhile (shutdown sends the
 // stop message, which ends the wait). Other messages are taken on the way.
 bool BusThread::pause(std::chrono::milliseconds length) {
-  const auto end = std::chrono::steady_clock::now() + length;
+  const MonotonicClock::time_point end = MonotonicClock::now() + length;
   while (running_.load()) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return true;
+    const int left = pollTimeoutUntil(end);
+    if (left == 0) return true;
     pollfd control{pipe_.readFd(), POLLIN, 0};
-    const int ready = ::poll(&control, 1, static_cast<int>(std::min<long long>(left.count(), 1000000000LL)));
+    const int ready = ::poll(&control, 1, left);
     if (ready > 0) {
       bool stop = false;
       takeMessages(&stop);

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <ctime>
 #include <memory>
 #include <set>
 #include <utility>
@@ -60,18 +59,6 @@ void reap(pid_t pid) {
 constexpr std::chrono::milliseconds kExitPollInterval = std::chrono::seconds(1);
 
 }  // namespace
-
-std::chrono::milliseconds monotonicNow() {
-  // clock_gettime itself, which the system tests' faster clock also speeds.
-  struct timespec now {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return std::chrono::seconds(now.tv_sec) +
-         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds(now.tv_nsec));
-}
-
-int pollTimeout(std::chrono::milliseconds wait) {
-  return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, INT_MAX));
-}
 
 ProfilerRun::ProfilerRun(ScannerState& state, FileTypeMap& types, Tagger& tagger,
                          const StorageQueries& storage, KordBulk& bulk, ScanQueue& queue,
@@ -189,19 +176,19 @@ void ProfilerRun::runProfiler(const FileTypeRecord& record, const char* view_pat
 }
 
 bool ProfilerRun::waitForProfiler(const SpawnResult& child) {
-  const std::chrono::milliseconds deadline = monotonicNow() + profiler_limit_;
+  const MonotonicClock::time_point deadline = MonotonicClock::now() + profiler_limit_;
   for (;;) {
     const std::optional<bool> exited = exitedUnreaped(child.pid);
     if (!exited) return false;
     if (*exited) return true;
-    const std::chrono::milliseconds left = deadline - monotonicNow();
-    if (left <= std::chrono::milliseconds::zero()) {
+    const MonotonicClock::time_point now = MonotonicClock::now();
+    if (now >= deadline) {
       killProcessGroup(child.pid);
       return exitedUnreaped(child.pid, true).has_value();
     }
     struct pollfd fds[2] = {{child.exited.get(), POLLIN, 0}, {queue_.wakeupFd(), POLLIN, 0}};
-    const auto timeout = child.exited ? left : std::min(left, kExitPollInterval);
-    (void)::poll(fds, 2, pollTimeout(timeout));
+    const auto wake = child.exited ? deadline : std::min(deadline, now + kExitPollInterval);
+    (void)::poll(fds, 2, pollTimeoutUntil(wake));
     if (fds[1].revents & POLLIN) {
       queue_.drainWakeups();
       tagChangedDirectories();

@@ -43,6 +43,7 @@
 #include <string>
 #include <utility>
 
+#include "common/deadline.h"
 #include "common/spawn.h"
 #include "scan/file_type_map.h"
 #include "scan/kord_bulk.h"
@@ -58,10 +59,6 @@ inline constexpr char kViewPrefix[] = "zibprof";
 inline constexpr int kMarkPerPass = 50;
 // How long a profiler may run before it is killed.
 inline constexpr std::chrono::milliseconds kProfilerTimeLimit = std::chrono::minutes(10);
-
-// CLOCK_MONOTONIC, and a wait as poll's timeout (at most INT_MAX ms).
-std::chrono::milliseconds monotonicNow();
-int pollTimeout(std::chrono::milliseconds wait);
 
 class ProfilerRun {
  public:

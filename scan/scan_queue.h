@@ -1,8 +1,8 @@
 // The scan request queue: paths to scan, carried from the threads that learn
 // of them (the bus thread, the filesystem change handling) to the one scanner
 // thread. Kinds 0 (a changed directory), 2 (a forced rescan) and 4 (a new
-// directory's tree) wait in the priority list, which is always taken first; kinds 1 and 3 in the ordinary
-// list. A forced rescan replaces the first waiting ordinary request of the
+// directory's tree) wait in the priority list, which is always taken first;
+// kinds 1 and 3 in the ordinary list. A forced rescan replaces the first waiting ordinary request of the
 // same path.
 //
 // The queue tells the bus thread when it has work (reportProfiling(1), on the

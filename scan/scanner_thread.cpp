@@ -70,18 +70,16 @@ void ScannerThread::step() {
 }
 
 std::optional<ScanRequest> ScannerThread::takeOrOwed() {
-  std::chrono::milliseconds due = owed_.begin()->second;
+  MonotonicClock::time_point due = owed_.begin()->second;
   for (const auto& [path, when] : owed_) due = std::min(due, when);
   // Until a request waits, a stop comes (its wake ends the poll) or the due
   // time; an enqueue after the size was read ends the poll at once.
-  for (std::chrono::milliseconds now = monotonicNow();
-       now < due && queue_.size() == 0 && running_.load() != 0 && !state_.aborted();
-       now = monotonicNow()) {
+  while (MonotonicClock::now() < due && queue_.size() == 0 && running_.load() != 0 && !state_.aborted()) {
     struct pollfd wakeup = {queue_.wakeupFd(), POLLIN, 0};
-    (void)::poll(&wakeup, 1, pollTimeout(due - now));
+    (void)::poll(&wakeup, 1, pollTimeoutUntil(due));
     queue_.drainWakeups();
   }
-  const std::chrono::milliseconds now = monotonicNow();
+  const MonotonicClock::time_point now = MonotonicClock::now();
   for (auto it = owed_.begin(); it != owed_.end();) {
     if (it->second > now) {
       ++it;
@@ -108,7 +106,7 @@ void ScannerThread::settleOwed(const ScanRequest& request) {
     it = owed_.erase(it);
   }
   // A scan that fails again waits as long again: nothing retries faster.
-  const std::chrono::milliseconds due = monotonicNow() + rescan_delay_;
+  const MonotonicClock::time_point due = MonotonicClock::now() + rescan_delay_;
   for (const std::string& path : profiler_.takeUnstored()) {
     if (std::optional<std::string> partition = partitionOf(path)) owed_.try_emplace(*partition, due);
   }

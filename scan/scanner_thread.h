@@ -25,6 +25,7 @@
 #include <string>
 #include <thread>
 
+#include "common/deadline.h"
 #include "common/tag_names.h"
 #include "scan/file_type_map.h"
 #include "scan/kord_bulk.h"
@@ -97,8 +98,8 @@ class ScannerThread {
   const std::atomic<int>& running_;
   const std::string update_signal_;
   const std::chrono::milliseconds rescan_delay_;
-  // Mount path -> when its scan is due (monotonicNow()).
-  std::map<std::string, std::chrono::milliseconds> owed_;
+  // Mount path -> when its scan is due.
+  std::map<std::string, MonotonicClock::time_point> owed_;
   KordBulk bulk_;
   Tagger tagger_;
   ProfilerRun profiler_;

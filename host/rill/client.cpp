@@ -5,6 +5,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include "common/deadline.h"
 #include "host/rill/socket.h"
 
 namespace zibd::rill {
@@ -15,12 +16,7 @@ constexpr size_t kReadChunk = 64 * 1024;
 // Reads of the notification socket per takeNotifications() call.
 constexpr size_t kDrainReads = 16;
 
-int pollTimeout(const Deadline& deadline) {
-  if (!deadline) return -1;
-  auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
-  if (left.count() <= 0) return 0;
-  return left.count() > INT32_MAX ? INT32_MAX : static_cast<int>(left.count());
-}
+int pollTimeout(const Deadline& deadline) { return deadline ? zibd::pollTimeoutUntil(*deadline) : -1; }
 
 }  // namespace
 
