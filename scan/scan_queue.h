@@ -2,8 +2,8 @@
 // of them (the bus thread, the filesystem change handling) to the one scanner
 // thread. Kinds 0 (a changed directory), 2 (a forced rescan) and 4 (a new
 // directory's tree) wait in the priority list, which is always taken first;
-// kinds 1 and 3 in the ordinary list. A forced rescan replaces the first waiting ordinary request of the
-// same path.
+// kinds 1 and 3 in the ordinary list. A forced rescan replaces the first
+// waiting ordinary request of the same path.
 //
 // The queue tells the bus thread when it has work (reportProfiling(1), on the
 // first request into an idle queue) and when a take finds it empty
