@@ -48,7 +48,8 @@ void tagInvisible(const char* path) {
 
 // Whether path names an entry under exactly that name: a file system that
 // ignores case (FAT, exFAT) finds "a.mp3" after a rename to "A.mp3", which
-// is still the old name gone. The directory is read only in that case.
+// is still the old name gone. The directory is listed only when lstat finds
+// the path.
 bool existsAsNamed(const std::string& path, struct stat* st) {
   if (::lstat(path.c_str(), st) != 0) return false;
   FsPathBuffer parent;
