@@ -42,7 +42,14 @@ case "$variant" in
            -DZIBD_HOST_KORDCTL="$hosttools/bin/kordctl" -DZIBD_HOST_TOOLS="$hosttools/bin") ;;
   *) echo "build.sh: unknown variant '$variant' (host, asan, tsan, mips, tsa, fuzz)" >&2; exit 2 ;;
 esac
+# CMake takes a toolchain file's initial flags only when a build directory is
+# first configured: a changed toolchain file configures the cross build afresh.
+if [ "$variant" = mips ]; then
+  toolchain=$(sha256sum cmake/mips-linux-gnu.cmake)
+  [ "$(cat "build/$variant/toolchain.sha256" 2>/dev/null)" = "$toolchain" ] || rm -f "build/$variant/CMakeCache.txt"
+fi
 # Configure speaks up: a missing compiler or library stops the build here
 # with CMake's own message instead of leaving targets out.
 cmake -S . -B "build/$variant" "${args[@]}" --log-level=NOTICE
+[ "$variant" != mips ] || echo "$toolchain" >"build/$variant/toolchain.sha256"
 cmake --build "build/$variant" -j"$(nproc)" "${targets[@]}"
