@@ -62,15 +62,15 @@ BusThread::~BusThread() {
   if (conn_) releaseConnection();
 }
 
-int BusThread::start() {
-  if (const int result = pipe_.open(); result != 0) return result;
-  if (const int result = cs_rill_init(15, 5, 4, 5, 500, 3072, 400, 500, 100, 500, 6); result != 0) return result;
+Status BusThread::start() {
+  if (Status opened = pipe_.open(); !opened.ok()) return opened;
+  if (cs_rill_init(15, 5, 4, 5, 500, 3072, 400, 500, 100, 500, 6) != 0) return Status::error(EIO, "cs_rill_init");
   try {
     thread_ = std::thread([this] { run(); });
-  } catch (const std::system_error&) {
-    return -1;
+  } catch (const std::system_error& e) {
+    return Status::error(e.code().value(), "start the bus thread");
   }
-  return 0;
+  return Status();
 }
 
 void BusThread::join() {
@@ -151,19 +151,17 @@ bool BusThread::takeMessages(bool* stop) {
   int pending = -1;
   while (auto message = pipe_.read()) {
     switch (message->type) {
-      case kControlStop:
+      case ControlMessageType::kStop:
         *stop = true;
         return false;
-      case kControlProfilingFinished:
+      case ControlMessageType::kProfilingFinished:
         pending = 0;
         break;
-      case kControlProfilingStarted:
+      case ControlMessageType::kProfilingStarted:
         pending = 1;
         break;
-      case kControlPartitionScanned:
-        if (message->path) storage_.markScanned(*message->path);
-        break;
-      default:
+      case ControlMessageType::kPartitionScanned:
+        storage_.markScanned(message->path);
         break;
     }
   }
@@ -271,7 +269,12 @@ void BusThread::loopOnce() {
 
 void BusThread::expire() {
   const bool was_ready = storage_.storageReady();
-  if (storage_.storageStatus() == kNoSuitableDisk) storage_.chooseMetadataStorage();
+  storage_.disarmDeadline();
+  if (storage_.storageStatus() == kNoSuitableDisk) {
+    // The tag store could not be told where its database is: nothing was
+    // chosen, and the choice is made again a settle later.
+    if (!storage_.chooseMetadataStorage().ok()) storage_.armDeadline();
+  }
   std::vector<std::string> removed = storage_.takeRemovedPartitions();
   if (storage_.storageReady()) {
     if (was_ready) {
@@ -281,7 +284,6 @@ void BusThread::expire() {
     if (!storage_.initialScanDone()) scans_.enqueue(storage_.config().root, kScanStorageRoot);
     storage_.queueUnscannedPartitions(scans_);
   }
-  storage_.disarmDeadline();
 }
 
 void BusThread::releaseConnection() {

@@ -51,8 +51,8 @@ class BusThread {
   BusThread& operator=(const BusThread&) = delete;
 
   // The bus client's start: creates the control pipe, tunes the bus library
-  // and starts the thread. 0, or the failed step's result.
-  int start();
+  // and starts the thread.
+  Status start();
   void join();
 
   // One pass; false once the thread has ended.

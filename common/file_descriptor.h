@@ -9,6 +9,8 @@
 
 #include <utility>
 
+#include "common/status.h"
+
 namespace zibd {
 
 class FileDescriptor {
@@ -48,13 +50,12 @@ struct Pipe {
   FileDescriptor read_end;
   FileDescriptor write_end;
 
-  // Returns 0, or the -1 of pipe2 with errno set.
-  int open(int extra_flags = 0) noexcept {
+  Status open(int extra_flags = 0) {
     int fds[2];
-    if (::pipe2(fds, O_CLOEXEC | extra_flags) != 0) return -1;
+    if (::pipe2(fds, O_CLOEXEC | extra_flags) != 0) return Status::lastError("pipe2");
     read_end.reset(fds[0]);
     write_end.reset(fds[1]);
-    return 0;
+    return Status();
   }
 };
 

@@ -71,8 +71,7 @@ void closeRange(int first, int end, int limit) {
 
 }  // namespace
 
-SpawnResult spawnProcess(const std::vector<std::string>& argv) {
-  SpawnResult result;
+Result<ChildProcess> spawnProcess(const std::vector<std::string>& argv) {
   // Everything the child needs is made before fork: it must not allocate.
   std::vector<char*> args;
   args.reserve(argv.size() + 1);
@@ -81,23 +80,15 @@ SpawnResult spawnProcess(const std::vector<std::string>& argv) {
   const int fd_limit = descriptorLimit();
 
   Pipe report;
-  if (report.open() != 0) {
-    result.error = errno;
-    return result;
-  }
+  if (Status made = report.open(); !made.ok()) return made;
   const FileDescriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-  if (!null) {
-    result.error = errno;
-    return result;
-  }
+  if (!null) return Status::lastError("open /dev/null");
   const pid_t pid = ::fork();
-  if (pid < 0) {
-    result.error = errno;
-    return result;
-  }
+  if (pid < 0) return Status::lastError("fork for " + argv[0]);
   if (pid == 0) execChild(args.data(), report.write_end.get(), null.get(), fd_limit);
 
-  result.pid = pid;
+  ChildProcess child;
+  child.pid = pid;
   // Also here, so that the group exists before anyone may signal it; the
   // child's own call may come first (this one then fails, harmlessly).
   (void)::setpgid(pid, pid);
@@ -107,12 +98,13 @@ SpawnResult spawnProcess(const std::vector<std::string>& argv) {
   do {
     got = ::read(report.read_end.get(), &exec_errno, sizeof exec_errno);
   } while (got < 0 && errno == EINTR);
-  if (got == static_cast<ssize_t>(sizeof exec_errno)) result.exec_error = exec_errno;
+  if (got == static_cast<ssize_t>(sizeof exec_errno) && exec_errno != 0)
+    child.exec = Status::error(exec_errno, "execvp " + argv[0]);
 #ifdef SYS_pidfd_open
   // Not reaped yet, so the pid is still this child's.
-  result.exited.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+  child.exited.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
 #endif
-  return result;
+  return child;
 }
 
 void killProcessGroup(pid_t pid) {

@@ -7,18 +7,17 @@
 #include <vector>
 
 #include "common/file_descriptor.h"
+#include "common/status.h"
 
 namespace zibd {
 
-struct SpawnResult {
-  // The child's process id, or -1 when no child was made (the pipe or fork
-  // failed; error then holds errno). A child whose exec failed is still
-  // returned here: it has printed "execvp failed: ..." to the daemon's
-  // standard error and exits with status 1, and the caller reaps it like any
-  // other.
+// A started child. Its exec may still have failed: it has then printed
+// "execvp failed: ..." to the daemon's standard error and exits with status
+// 1, and the caller reaps it like any other.
+struct ChildProcess {
   pid_t pid = -1;
-  int error = 0;       // errno of a failed pipe2 or fork
-  int exec_error = 0;  // errno of the child's failed execvp, 0 when it ran
+  // Failed when the child's execvp did.
+  Status exec;
   // Readable (poll POLLIN) once the child has exited; not valid when the
   // kernel has no pidfd_open (the caller then polls the child's state).
   FileDescriptor exited;
@@ -31,11 +30,12 @@ struct SpawnResult {
 // /dev/null (nobody reads them: a pipe would fill and a file would grow), and
 // no other descriptor of the daemon. Returns once the program
 // runs (or its exec failed); the caller owns the child and must reap it with
-// waitpid. argv must not be empty.
+// waitpid. Fails, with no child made, when the pipe, /dev/null or the fork
+// cannot be had. argv must not be empty.
 //
 // Thread: any. Safe to call while other threads run: between fork and exec the
 // child calls only async-signal-safe functions.
-SpawnResult spawnProcess(const std::vector<std::string>& argv);
+Result<ChildProcess> spawnProcess(const std::vector<std::string>& argv);
 
 // SIGKILL to every process of the group that spawnProcess made for pid:
 // the child and whatever it started and did not move elsewhere. Call it

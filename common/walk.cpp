@@ -6,12 +6,10 @@
 
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "common/file_descriptor.h"
-#include "common/fs_error.h"
 
 namespace zibd {
 
@@ -66,59 +64,56 @@ bool fsHasEntry(const char* dir, const char* name) {
   return false;
 }
 
-int fsWalkDir(const char* dir, FsWalkCallback file_cb, FsWalkCallback dir_cb, void* data,
-              bool recursive, FsPathBuffer& buffer) {
+namespace {
+
+// One level of the walk (see fsWalkTree); buffer is shared by every level of
+// one walk, and each level overwrites it.
+Status walkDirectory(const char* dir, const FsWalkVisitors& visit, bool recursive, FsPathBuffer& buffer) {
   const std::size_t dir_len = std::strlen(dir);
-  if (dir_len >= kFsPathMax - 1) return kFsErrPath;
+  if (dir_len >= kFsPathMax - 1) return Status::error(ENAMETOOLONG, std::string("opendir ") + dir);
   const std::size_t prefix_len = writePrefix(dir, dir_len, buffer);
 
   // Subdirectories are only remembered while the stream is open, so that a
   // deep tree never holds more than one stream.
   std::vector<std::string> subdirs;
-  int result = kFsOk;
+  Status result;
   {
     DirStream stream = openDirectory(dir);
-    if (!stream) return kFsErrPath;
-    while (result == kFsOk) {
+    if (!stream) return Status::lastError(std::string("opendir ") + dir);
+    while (result.ok()) {
       const dirent* entry = ::readdir(stream.get());
       if (!entry) break;
       if (isHidden(*entry)) continue;
       writeName(entry->d_name, prefix_len, buffer);
       if (entry->d_type == DT_DIR && recursive) {
-        if (dir_cb) result = dir_cb(buffer.data(), data);
-        try {
-          subdirs.emplace_back(buffer.data());
-        } catch (const std::bad_alloc&) {
-          result = kFsErrNoMemory;
-        }
+        if (visit.dir) result = visit.dir(buffer.data());
+        subdirs.emplace_back(buffer.data());
         continue;
       }
-      if (file_cb && isReportedAsFile(*entry)) result = file_cb(buffer.data(), data);
+      if (visit.file && isReportedAsFile(*entry)) result = visit.file(buffer.data());
     }
   }
 
-  for (auto it = subdirs.rbegin(); it != subdirs.rend() && result == kFsOk; ++it)
-    result = fsWalkDir(it->c_str(), file_cb, dir_cb, data, recursive, buffer);
+  for (auto it = subdirs.rbegin(); it != subdirs.rend() && result.ok(); ++it)
+    result = walkDirectory(it->c_str(), visit, recursive, buffer);
   return result;
 }
 
-int fsWalkTree(const char* path, FsWalkCallback file_cb, FsWalkCallback dir_cb,
-               FsWalkCallback done_cb, void* data, bool recursive) {
-  if (!file_cb && !dir_cb) return kFsErrInvalid;
-  struct stat st;
-  if (!path || ::stat(path, &st) != 0) return kFsErrPath;
+}  // namespace
 
-  int result = kFsOk;
+Status fsWalkTree(const char* path, const FsWalkVisitors& visit, bool recursive) {
+  if (!visit.file && !visit.dir) return Status::error(EINVAL, "walk without a visitor");
+  struct stat st;
+  if (::stat(path, &st) != 0) return Status::lastError(std::string("stat ") + path);
+
   if (S_ISDIR(st.st_mode)) {
-    if (dir_cb) dir_cb(path, data);
+    if (visit.dir) (void)visit.dir(path);
     // On the heap: walks also run on threads with small stacks.
-    std::unique_ptr<FsPathBuffer> buffer(new (std::nothrow) FsPathBuffer);
-    result = buffer ? fsWalkDir(path, file_cb, dir_cb, data, recursive, *buffer) : kFsErrNoMemory;
-  } else if (S_ISREG(st.st_mode) && file_cb) {
-    result = file_cb(path, data);
+    const auto buffer = std::make_unique<FsPathBuffer>();
+    return walkDirectory(path, visit, recursive, *buffer);
   }
-  if (done_cb) done_cb(path, data);
-  return result;
+  if (S_ISREG(st.st_mode) && visit.file) return visit.file(path);
+  return Status();
 }
 
 bool fsPathIsUnder(const char* prefix, const char* path) {
@@ -127,15 +122,10 @@ bool fsPathIsUnder(const char* prefix, const char* path) {
   return std::strncmp(prefix, path, n) == 0 && (path[n] == '\0' || path[n] == '/');
 }
 
-int fsDirName(const char* path, char* dest, std::size_t size) {
-  if (!path || !dest || size < 1) return kFsErrInvalid;
-  const char* last_slash = std::strrchr(path, '/');
-  if (!last_slash) return kFsErrInvalid;
-  const auto len = static_cast<std::size_t>(last_slash - path);
-  if (size < len) return kFsErrTooSmall;
-  std::memcpy(dest, path, len);
-  dest[len] = '\0';
-  return kFsOk;
+std::optional<std::string_view> fsDirName(std::string_view path) {
+  const std::size_t last_slash = path.rfind('/');
+  if (last_slash == std::string_view::npos) return std::nullopt;
+  return path.substr(0, last_slash);
 }
 
 }  // namespace zibd

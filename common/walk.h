@@ -1,6 +1,6 @@
 // Directory tree walk and path utilities shared by the watch table and the
-// profiler batch runs. Results are the codes of common/fs_error.h, or whatever
-// non-zero value a callback returned to stop a walk.
+// profiler batch runs. A walk's result is a Status (common/status.h): the
+// failure that ended it, or whatever a visitor returned to stop it.
 //
 // Thread safety: every function here is reentrant; a walk keeps all its state
 // on the calling thread.
@@ -8,6 +8,11 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+#include "common/status.h"
 
 namespace zibd {
 
@@ -17,37 +22,34 @@ inline constexpr std::size_t kFsPathMax = 4096;
 inline constexpr std::size_t kFsPathBufferSize = kFsPathMax + 1;
 using FsPathBuffer = std::array<char, kFsPathBufferSize>;
 
-// A walk callback gets the full path of an entry (valid only during the call)
-// and the caller's opaque word. The walk never dereferences data, so callers
-// may pass sentinel values (null, all ones) as well as pointers. Returning 0
-// goes on; any other value stops the walk and becomes its result.
-using FsWalkCallback = int (*)(const char* path, void* data);
+// A visitor gets the full path of an entry, valid only during the call. A
+// Status that is not ok stops the walk and becomes its result.
+using FsWalkVisitor = std::function<Status(const char* path)>;
 
-// Walks the tree at path. A directory root is reported to dir_cb (result
-// ignored) and then read by fsWalkDir; a regular-file root goes to file_cb;
-// a root of any other type gives 0. The root is examined with stat, so a
-// symbolic link to a directory is followed. done_cb, if given, is called on
-// path at the end (its result is ignored) unless the root could not be
-// examined.
-// Returns kFsErrInvalid when both file_cb and dir_cb are null, kFsErrPath when
-// the root (or, below it, a directory) cannot be read or is too long,
-// kFsErrNoMemory, or the first non-zero callback result.
-int fsWalkTree(const char* path, FsWalkCallback file_cb, FsWalkCallback dir_cb,
-               FsWalkCallback done_cb, void* data, bool recursive);
+struct FsWalkVisitors {
+  FsWalkVisitor file = {};  // regular files and symbolic links
+  FsWalkVisitor dir = {};   // directories, the root first (its result is ignored)
+};
 
-// Reads one directory level into buffer and, when recursive, descends. Entries
-// whose names begin with '.' are neither reported nor entered. With recursive
-// set, each subdirectory goes to dir_cb while the level is read; the
+// Walks the tree at path. A directory root goes to the dir visitor and is
+// then read level by level; a regular-file root goes to the file visitor; a
+// root of any other type is no error and visits nothing. The root is examined
+// with stat, so a symbolic link to a directory is followed.
+//
+// Each level is read whole before the walk descends, and entries whose names
+// begin with '.' are neither visited nor entered. With recursive set, each
+// subdirectory goes to the dir visitor as its level is read, and the
 // subdirectories are entered after the level's stream is closed (so one
-// stream is open at a time), in reverse order of reading. Regular files and
-// symbolic links go to file_cb; symbolic links are never entered, and entries
-// whose type readdir leaves unknown are passed over. With recursive clear,
-// subdirectories are neither reported nor entered.
-// buffer is shared by every level of one walk; each level overwrites it.
-// Returns kFsErrPath for a directory path of kFsPathMax - 1 characters or
-// more, or one that cannot be opened; otherwise as fsWalkTree.
-int fsWalkDir(const char* dir, FsWalkCallback file_cb, FsWalkCallback dir_cb, void* data,
-              bool recursive, FsPathBuffer& buffer);
+// stream is open at a time), in reverse order of reading; with it clear,
+// subdirectories are neither visited nor entered. Regular files and symbolic
+// links go to the file visitor; symbolic links are never entered, and entries
+// whose type readdir leaves unknown are passed over.
+//
+// Fails with EINVAL when neither visitor is given, ENAMETOOLONG for a
+// directory path of kFsPathMax - 1 characters or more, and the errno of the
+// stat of the root or of the open of a directory that cannot be read; or
+// returns the first visitor result that is not ok.
+Status fsWalkTree(const char* path, const FsWalkVisitors& visit, bool recursive);
 
 // True when directory dir holds an entry named exactly name (byte for byte:
 // on a file system that ignores case, lstat finds "a.mp3" as "A.mp3" too).
@@ -58,11 +60,8 @@ bool fsHasEntry(const char* dir, const char* name);
 // in '/' matches only itself; the empty prefix matches every absolute path.
 bool fsPathIsUnder(const char* prefix, const char* path);
 
-// Writes the part of path before its last '/' into dest ("" for "/x").
-// dest must have room for size + 1 bytes: a parent exactly size characters
-// long is accepted and terminated at dest[size].
-// Returns 0; kFsErrInvalid when path or dest is null, size is 0 or path holds
-// no '/'; kFsErrTooSmall when the parent is longer than size.
-int fsDirName(const char* path, char* dest, std::size_t size);
+// The part of path before its last '/' ("" for "/x"); nullopt when path
+// holds no '/'. The view is into path.
+std::optional<std::string_view> fsDirName(std::string_view path);
 
 }  // namespace zibd

@@ -9,14 +9,14 @@
 #include "watch/event_loop.h"
 
 namespace zibd {
-bool Daemon::startScanner() {
+Status Daemon::startScanner() {
   try {
     scanner.start();
-  } catch (const std::system_error&) {
-    return false;
+  } catch (const std::system_error& e) {
+    return Status::error(e.code().value(), "start the scanner thread");
   }
   scanner_started = true;
-  return true;
+  return Status();
 }
 
 void Daemon::wire() {
@@ -25,21 +25,21 @@ void Daemon::wire() {
   upward.watches = &watch_requests;
 }
 
-int Daemon::startBus() {
-  const int result = bus.start();
-  bus_started = result == 0;
-  return result;
+Status Daemon::startBus() {
+  Status started = bus.start();
+  bus_started = started.ok();
+  return started;
 }
 
-int Daemon::initWatch() { return watch_table.fsInitWatch(); }
+Status Daemon::initWatch() { return watch_table.fsInitWatch(); }
 
-bool Daemon::startWatcher() {
+Status Daemon::startWatcher() {
   try {
     watcher_thread = std::thread([this] { watcher.run(); });
-  } catch (const std::system_error&) {
-    return false;
+  } catch (const std::system_error& e) {
+    return Status::error(e.code().value(), "start the watcher thread");
   }
-  return true;
+  return Status();
 }
 
 void Daemon::runEventLoop() {

@@ -93,8 +93,8 @@ class Daemon {
   ScannerThread scanner{scan_queue, scanner_state, type_map, index_rules,
                         storage,    bus_control,   g_daemon.running};
   bool scanner_started = false;
-  // Start-up: starts the scanner thread. False when it could not be launched.
-  bool startScanner();
+  // Start-up: starts the scanner thread.
+  Status startScanner();
   // --- watcher and event loop (watch/) ---
   // Partition trees come and go through watch_requests (WatchRequests), which
   // the watcher thread works off into watch_table; the event loop on the main
@@ -105,10 +105,10 @@ class Daemon {
   WatcherThread watcher{watch_requests, watch_table, g_daemon.running};
   std::thread watcher_thread;
   ChangeHandler change_handler{scan_queue, storage};
-  // Start-up: makes the inotify instance; 0, or non-zero on failure.
-  int initWatch();
-  // Start-up: starts the watcher thread. False when it could not be launched.
-  bool startWatcher();
+  // Start-up: makes the inotify instance.
+  Status initWatch();
+  // Start-up: starts the watcher thread.
+  Status startWatcher();
   // --- bus client (bus/) ---
   // The bus thread writes "0" into sync_pipe when it ends.
   BusThread bus{storage, index_rules, upward, bus_control, sync_pipe.write_end, g_daemon.running};
@@ -116,9 +116,8 @@ class Daemon {
   // Start-up, before any thread starts: points `upward` at the scanner's and
   // the watcher's objects.
   void wire();
-  // Start-up: creates the control pipe and starts the bus thread; 0, or the
-  // failed step's result.
-  int startBus();
+  // Start-up: creates the control pipe and starts the bus thread.
+  Status startBus();
 
   // The main thread's work until a termination signal arrives.
   void runEventLoop();

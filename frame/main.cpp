@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
+#include "common/status.h"
 #include "frame/command_line.h"
 #include "frame/daemon.h"
 #include "frame/daemon_state.h"
@@ -29,8 +31,9 @@ constexpr char kDefaultProgramName[] = "zibd";
   std::exit(EXIT_FAILURE);
 }
 
-[[noreturn]] void failStartupWithErrno(const char* what) {
-  std::perror(what);
+// perror's line: what, then why the step failed.
+[[noreturn]] void failStartup(const char* what, const Status& failure) {
+  std::fprintf(stderr, "%s: %s\n", what, ::strerrordesc_np(failure.code()));
   std::exit(EXIT_FAILURE);
 }
 
@@ -45,9 +48,9 @@ std::string programName(int argc, char* argv[]) {
 }
 
 void createPipes(Daemon& daemon) {
-  if (daemon.sync_pipe.open() != 0) failStartupWithErrno("sync pipe creation");
-  if (g_daemon.termination_pipe.open(O_NONBLOCK) != 0)
-    failStartupWithErrno("termination pipe creation");
+  if (Status made = daemon.sync_pipe.open(); !made.ok()) failStartup("sync pipe creation", made);
+  if (Status made = g_daemon.termination_pipe.open(O_NONBLOCK); !made.ok())
+    failStartup("termination pipe creation", made);
 }
 
 CommandLine readCommandLine(int argc, char* argv[], const std::string& program) {
@@ -71,19 +74,8 @@ void loadTypeMap(Daemon& daemon, const std::string& path) {
     std::fprintf(stderr, "Could not open %s for reading\n", path.c_str());
     std::exit(EXIT_FAILURE);
   }
-  const int bad_line = daemon.type_map.load(file.get());
-  // fopen accepts a directory and only the reads fail: a map that cannot be
-  // read is as unusable as one that cannot be opened.
-  const bool unreadable = std::ferror(file.get()) != 0;
-  file.reset();
-  if (unreadable) {
-    std::fprintf(stderr, "Could not open %s for reading\n", path.c_str());
-    std::exit(EXIT_FAILURE);
-  }
-  if (bad_line != 0) {
-    std::fprintf(stderr, "Parse error on line %d of %s\n", bad_line, path.c_str());
-    std::exit(EXIT_FAILURE);
-  }
+  const Status loaded = daemon.type_map.load(file.get(), path);
+  if (!loaded.ok()) failStartup((loaded.what() + "\n").c_str());
 }
 
 void lowerPriority() {
@@ -96,26 +88,26 @@ void daemonize(const std::string& program) {
 }
 
 void startScanner(Daemon& daemon) {
-  if (!daemon.startScanner()) failStartup("Could not launch scanner thread\n");
+  if (!daemon.startScanner().ok()) failStartup("Could not launch scanner thread\n");
 }
 
 void startBusClient(Daemon& daemon) {
   daemon.wire();
-  if (daemon.startBus() != 0) failStartup("Could not initialize rill client\n");
+  if (!daemon.startBus().ok()) failStartup("Could not initialize rill client\n");
 }
 
 void initWatch(Daemon& daemon) {
-  if (daemon.initWatch() != 0) failStartup("fsInitWatch() failed\n");
+  if (!daemon.initWatch().ok()) failStartup("fsInitWatch() failed\n");
 }
 
 void startWatcher(Daemon& daemon) {
-  if (!daemon.startWatcher()) failStartup("Could not launch watcher thread\n");
+  if (!daemon.startWatcher().ok()) failStartup("Could not launch watcher thread\n");
 }
 
 void installSignalHandler() {
-  if (blockTerminationSignals(&g_daemon.termination_wait_mask) != 0)
-    failStartupWithErrno("pthread_sigmask");
-  if (installTerminationHandler() != 0) failStartupWithErrno("sigaction");
+  if (Status blocked = blockTerminationSignals(&g_daemon.termination_wait_mask); !blocked.ok())
+    failStartup("pthread_sigmask", blocked);
+  if (Status installed = installTerminationHandler(); !installed.ok()) failStartup("sigaction", installed);
 }
 
 }  // namespace

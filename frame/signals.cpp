@@ -27,29 +27,26 @@ void onTerminationSignal(int) {
 
 }  // namespace
 
-int blockTerminationSignals(sigset_t* wait_mask) {
+Status blockTerminationSignals(sigset_t* wait_mask) {
   sigset_t termination;
   sigemptyset(&termination);
   for (int sig : kTerminationSignals) sigaddset(&termination, sig);
   sigset_t previous;
-  const int rc = ::pthread_sigmask(SIG_BLOCK, &termination, &previous);
-  if (rc != 0) {
-    errno = rc;
-    return -1;
-  }
+  if (const int rc = ::pthread_sigmask(SIG_BLOCK, &termination, &previous); rc != 0)
+    return Status::error(rc, "pthread_sigmask");
   *wait_mask = previous;
   for (int sig : kTerminationSignals) sigdelset(wait_mask, sig);
-  return 0;
+  return Status();
 }
 
-int installTerminationHandler() {
+Status installTerminationHandler() {
   struct sigaction action {};
   action.sa_handler = onTerminationSignal;
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
   for (int sig : kTerminationSignals)
-    if (::sigaction(sig, &action, nullptr) != 0) return -1;
-  return 0;
+    if (::sigaction(sig, &action, nullptr) != 0) return Status::lastError("sigaction");
+  return Status();
 }
 
 }  // namespace zibd

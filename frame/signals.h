@@ -3,6 +3,8 @@
 
 #include <signal.h>
 
+#include "common/status.h"
+
 namespace zibd {
 
 // Blocks SIGQUIT, SIGTERM and SIGINT in the calling thread, and so in every
@@ -13,13 +15,11 @@ namespace zibd {
 // ThreadSanitizer makes this necessary, not just tidy: it runs a handler late,
 // at its next intercepted call, unless the signal arrived inside a blocking
 // call. A child process must restore its mask before exec.
-// Returns 0, or -1 with errno set.
-int blockTerminationSignals(sigset_t* wait_mask);
+Status blockTerminationSignals(sigset_t* wait_mask);
 
 // Installs one handler for SIGQUIT, SIGTERM and SIGINT. The handler stores 0
 // to g_daemon.running and writes one zero byte to the termination pipe's
 // write end, which must be open before the first signal can arrive.
-// Returns 0, or -1 with errno set when sigaction failed.
-int installTerminationHandler();
+Status installTerminationHandler();
 
 }  // namespace zibd

@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::unique_ptr<FILE, FileCloser> file(::fmemopen(text.data(), text.size(), "r"));
   if (!file) return 0;
   zibd::FileTypeMap map;
-  map.load(file.get());  // a broken line keeps the records read so far, itself included
+  (void)map.load(file.get(), "map");  // a broken line keeps the records read so far, itself included
 
   for (const auto& record : map.records()) {
     for (const std::string& extension : record->extensions) {

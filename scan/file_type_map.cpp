@@ -75,7 +75,7 @@ bool listsExtension(const FileTypeRecord& record, const char* extension) {
 
 }  // namespace
 
-int FileTypeMap::load(std::FILE* file) {
+Status FileTypeMap::load(std::FILE* file, const std::string& name) {
   char buffer[kLineBufferSize];
   int line_number = 0;
   while (std::fgets(buffer, sizeof buffer, file)) {
@@ -84,9 +84,11 @@ int FileTypeMap::load(std::FILE* file) {
     if (*line == kCommentMark || *line == '\0') continue;
     // The record joins the map before its fields are read.
     records_.push_front(std::make_unique<FileTypeRecord>());
-    if (!parseRecord(line, *records_.front())) return line_number;
+    if (!parseRecord(line, *records_.front()))
+      return Status::error(EINVAL, "Parse error on line " + std::to_string(line_number) + " of " + name);
   }
-  return 0;
+  if (std::ferror(file) != 0) return Status::error(EIO, "Could not open " + name + " for reading");
+  return Status();
 }
 
 FileTypeRecord* FileTypeMap::find(const char* extension) {

@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
+
 namespace zibd {
 
 // The type names that the category bits of an index rule's mask
@@ -48,11 +50,14 @@ class FileTypeMap {
   FileTypeMap(const FileTypeMap&) = delete;
   FileTypeMap& operator=(const FileTypeMap&) = delete;
 
-  // Adds the records of an open map file to the front of the map. Returns 0,
-  // or the number of the line that could not be parsed (lines counted per
-  // read, comments and blank lines included). On an error the records read so
-  // far stay, the broken one included: the caller is expected to give up.
-  int load(std::FILE* file);
+  // Adds the records of an open map file, called name, to the front of the
+  // map. Fails with EINVAL and "Parse error on line N of name" for a line that
+  // cannot be parsed (lines counted per read, comments and blank lines
+  // included), or with EIO and "Could not open name for reading" when the
+  // file cannot be read (fopen accepts a directory, whose reads fail). On an
+  // error the records read so far stay, the broken one included: the caller
+  // is expected to give up.
+  Status load(std::FILE* file, const std::string& name);
 
   // The record listing extension (compared case-insensitively), or null.
   // Checks the record of the previous successful lookup first, then the map

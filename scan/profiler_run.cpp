@@ -106,10 +106,10 @@ void ProfilerRun::run(const std::string& path, bool recursive) {
 
 void ProfilerRun::tag(const std::string& path, bool recursive) {
   const Visibility visibility = visibilityFor(path);
-  Tagger::TagWalk walk{&tagger_, &visibility};
   // A tree that cannot be read tags nothing; the batches still run for what
   // earlier scans left pending.
-  (void)fsWalkTree(path.c_str(), &Tagger::walkCallback, nullptr, nullptr, &walk, recursive);
+  (void)fsWalkTree(path.c_str(), {.file = [&](const char* file) { return tagger_.tagFile(file, visibility); }},
+                   recursive);
   const bool renewed = renewBulk(bulk_);
   if (tagger_.takeCommitFailed() || !renewed) lost(path);
 }
@@ -158,8 +158,9 @@ void ProfilerRun::runProfiler(const FileTypeRecord& record, const char* view_pat
 
   // A profiler that could not be started (fork failed) is skipped; one that
   // could not be executed has said "execvp failed" and exits with status 1.
-  const SpawnResult child = spawnProcess(argv);
-  if (child.pid < 0) return;
+  const Result<ChildProcess> spawned = spawnProcess(argv);
+  if (!spawned.ok()) return;
+  const ChildProcess& child = spawned.value();
   // A stop that came while it started has killed it already.
   (void)state_.setProfilerPid(child.pid);
   if (!waitForProfiler(child)) {
@@ -175,7 +176,7 @@ void ProfilerRun::runProfiler(const FileTypeRecord& record, const char* view_pat
   reap(child.pid);
 }
 
-bool ProfilerRun::waitForProfiler(const SpawnResult& child) {
+bool ProfilerRun::waitForProfiler(const ChildProcess& child) {
   const MonotonicClock::time_point deadline = MonotonicClock::now() + profiler_limit_;
   for (;;) {
     const std::optional<bool> exited = exitedUnreaped(child.pid);

@@ -91,7 +91,7 @@ class ProfilerRun {
   // Until the profiler has exited (not reaped) or has been killed for taking
   // too long, tagging changed directories meanwhile. False when the system
   // cannot wait without reaping: the caller then reaps it, untimed.
-  bool waitForProfiler(const SpawnResult& child);
+  bool waitForProfiler(const ChildProcess& child);
   void tagChangedDirectories();
   void markBatch(const char* view_path);
   // Marks the file at path as profiled at its current modification time.

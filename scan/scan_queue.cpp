@@ -68,9 +68,9 @@ void ScanQueue::enqueue(const std::string& path, uint32_t kind) {
     }
   }
   if (!busy_) {
-    // Written with the mutex held, so the started and finished reports keep
-    // their order; the bus thread drains the pipe, so this does not block.
-    reports_.reportProfiling(1);
+    // Made with the mutex held, so the started and finished reports keep
+    // their order; a report never blocks.
+    reports_.reportProfiling(true);
     busy_ = true;
   }
   signalLocked();
@@ -87,7 +87,7 @@ std::optional<ScanRequest> ScanQueue::popLocked() {
 std::optional<ScanRequest> ScanQueue::take(bool block) {
   MutexLock lock(mutex_);
   if (busy_ && priority_.empty() && ordinary_.empty()) {
-    reports_.reportProfiling(0);
+    reports_.reportProfiling(false);
     busy_ = false;
   }
   std::optional<ScanRequest> request;

@@ -1,5 +1,5 @@
 // What the scanning side reports to the bus thread. The bus control pipe
-// implements it (one 8-byte message per report); frame/ wires it in.
+// implements it; frame/ wires it in.
 #pragma once
 
 #include <string>
@@ -10,14 +10,15 @@ class ScanReports {
  public:
   virtual ~ScanReports() = default;
 
-  // Profiling started (busy != 0) or finished (busy == 0). Called by the scan
-  // queue with its mutex held; must not block on the scanner.
-  // Returns the result of the message write.
-  virtual int reportProfiling(int busy) = 0;
+  // Neither report blocks, and neither fails: one made when the bus thread
+  // has ended goes nowhere.
+
+  // Profiling started (busy) or finished. Called by the scan queue with its
+  // mutex held, so that the reports keep their order.
+  virtual void reportProfiling(bool busy) = 0;
 
   // The scanner has finished the scan of the partition at mount_path.
-  // Returns the result of the message write.
-  virtual int reportPartitionScanned(const std::string& mount_path) = 0;
+  virtual void reportPartitionScanned(const std::string& mount_path) = 0;
 };
 
 }  // namespace zibd

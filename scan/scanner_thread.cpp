@@ -55,7 +55,7 @@ void ScannerThread::step() {
       case kScanRuleDirectory:
       case kScanForcedRescan:
         profiler_.run(request->path, true);
-        (void)reports_.reportPartitionScanned(request->path);
+        reports_.reportPartitionScanned(request->path);
         break;
       case kScanStorageRoot:
         cleanup(request->path);

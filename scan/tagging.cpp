@@ -66,21 +66,21 @@ Tagger::Tagger(FileTypeMap& types, const IndexRules& rules, const KordBulk& bulk
                const std::atomic<int>& abort)
     : types_(types), rules_(rules), bulk_(bulk), abort_(abort) {}
 
-int Tagger::tagFile(const char* path, const Visibility& visibility) {
-  if (abort_.load(std::memory_order_relaxed) != 0) return 1;
+Status Tagger::tagFile(const char* path, const Visibility& visibility) {
+  if (abort_.load(std::memory_order_relaxed) != 0) return Status::stopped();
   const char* extension = extensionOf(path);
-  if (!extension) return 0;
+  if (!extension) return Status();
   FileTypeRecord* record = types_.find(extension);
-  if (!record) return 0;
+  if (!record) return Status();
   const uint32_t mask = rules_.ruleCategories(path);
-  if (mask == 0 || !typeEnabled(*record, mask)) return 0;
+  if (mask == 0 || !typeEnabled(*record, mask)) return Status();
 
   // A file moved or deleted while its directory is walked is not tagged under
   // the name it had: the move has already been applied to the tag store.
   struct stat st {};
-  if (::stat(path, &st) != 0) return 0;
+  if (::stat(path, &st) != 0) return Status();
   kord_bulk_t* bulk = bulk_.get();
-  if (!bulk || kord_bulk_setpath(bulk, path) != 0) return 0;
+  if (!bulk || kord_bulk_setpath(bulk, path) != 0) return Status();
   char stored[kStoredTimeSize];
   if (kord_bulk_gettag(bulk, kTagModified, stored, sizeof stored) != 0) {
     // New to the database: give it its identity and visibility.
@@ -94,7 +94,7 @@ int Tagger::tagFile(const char* path, const Visibility& visibility) {
   } else {
     char modified[kStoredTimeSize];
     formatTagTime(st.st_mtime, modified, sizeof modified);
-    if (std::strcmp(modified, stored) == 0) return 0;  // profiled as it is
+    if (std::strcmp(modified, stored) == 0) return Status();  // profiled as it is
   }
 
   ++record->pending_count;
@@ -104,27 +104,18 @@ int Tagger::tagFile(const char* path, const Visibility& visibility) {
   (void)kord_bulk_settag(bulk, kTagFileType, record->type.c_str());
   (void)kord_bulk_settag(bulk, kTagBatchIndex, batch);
   if (kord_bulk_commit(bulk) != 0) commit_failed_ = true;
-  return 0;
+  return Status();
 }
 
-int Tagger::unwanted(const char* path) {
-  if (::access(path, F_OK) != 0) return 1;
+bool Tagger::unwanted(const char* path) {
+  if (::access(path, F_OK) != 0) return true;
   const char* extension = extensionOf(path);
-  if (!extension) return 1;
+  if (!extension) return true;
   const FileTypeRecord* record = types_.find(extension);
-  if (!record) return 1;
+  if (!record) return true;
   const uint32_t mask = rules_.ruleCategories(path);
-  if (mask == 0 || !typeEnabled(*record, mask)) return 1;
-  return 0;
-}
-
-int Tagger::walkCallback(const char* path, void* data) {
-  const auto* walk = static_cast<const TagWalk*>(data);
-  try {
-    return walk->tagger->tagFile(path, *walk->visibility);
-  } catch (...) {
-    return 0;  // out of memory for this file: it is tagged by a later scan
-  }
+  if (mask == 0 || !typeEnabled(*record, mask)) return true;
+  return false;
 }
 
 Tagger::CleanupScope::CleanupScope(Tagger& tagger) { t_cleanup_tagger = &tagger; }
@@ -133,7 +124,7 @@ Tagger::CleanupScope::~CleanupScope() { t_cleanup_tagger = nullptr; }
 int Tagger::cleanupCheck(const char* path) {
   // Called from the tag store's C interface: nothing may escape.
   try {
-    return t_cleanup_tagger ? t_cleanup_tagger->unwanted(path) : 0;
+    return t_cleanup_tagger && t_cleanup_tagger->unwanted(path) ? 1 : 0;
   } catch (...) {
     return 0;
   }

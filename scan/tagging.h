@@ -15,6 +15,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/status.h"
 #include "common/tag_names.h"
 #include "scan/file_type_map.h"
 #include "scan/kord_bulk.h"
@@ -59,14 +60,15 @@ class Tagger {
 
   // Tags path when it is a wanted media file that is new to the database or
   // changed since it was last profiled: marks it to be profiled with its type
-  // and batch, and gives a new file its hash and visibility. Returns 1 when
-  // the abort flag is set (nothing looked at), else 0; every failure skips
-  // the file silently.
-  int tagFile(const char* path, const Visibility& visibility);
+  // and batch, and gives a new file its hash and visibility. Stopped when
+  // the abort flag is set (nothing looked at); otherwise it succeeds, as
+  // every failure skips the file silently (a commit that failed is kept for
+  // takeCommitFailed).
+  Status tagFile(const char* path, const Visibility& visibility);
 
-  // The cleanup's check: 1 (drop) when path is gone, has no known media
-  // extension, or its type is not enabled by the index rules over it; 0 keep.
-  int unwanted(const char* path);
+  // The cleanup's check: true (drop) when path is gone, has no known media
+  // extension, or its type is not enabled by the index rules over it.
+  bool unwanted(const char* path);
 
   // Files new to the database since this Tagger was made.
   long newFiles() const { return new_files_; }
@@ -74,13 +76,6 @@ class Tagger {
   // Whether a file's tags could not be committed (a full or read-only
   // metadata disk) since the last call; clears it.
   bool takeCommitFailed() { return std::exchange(commit_failed_, false); }
-
-  // A tree-walk callback that tags each file; data is a TagWalk*.
-  struct TagWalk {
-    Tagger* tagger;
-    const Visibility* visibility;
-  };
-  static int walkCallback(const char* path, void* data);
 
   // Makes unwanted() of this Tagger the check that the C cleanup callback
   // (cleanupCheck) calls, for the scope of one cleanup on this thread.

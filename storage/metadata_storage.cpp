@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <string>
 #include <memory>
 
 #include "common/file_descriptor.h"
@@ -25,18 +27,19 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 
 }  // namespace
 
-int StorageModel::setBusValueLocked(const char* object, const char* parameter, const char* value) {
+Status StorageModel::setBusValueLocked(const char* object, const char* parameter, const char* value) {
+  const std::string what = std::string("set ") + object + "." + parameter;
   rill_conn_t* conn = connection();
-  if (!conn) return -1;
+  if (!conn) return Status::error(ENOTCONN, what);
+  if (rill_invoke_get_client_writelock(conn, 25, -1) != 0) return Status::error(EIO, what + ": no write lock");
   rill_ccmd_t command{};
-  int result = rill_invoke_get_client_writelock(conn, 25, -1);
-  if (result != 0) return result;
-  result = rill_ccmd_add_setvalues_request(conn, &command, object, parameter,
-                                           dynstr_fromstring(rill_dynstr_poolid(), value), 0);
+  int result = rill_ccmd_add_setvalues_request(conn, &command, object, parameter,
+                                               dynstr_fromstring(rill_dynstr_poolid(), value), 0);
   if (result == 0) result = rill_invoke_ccmd(conn, &command, nullptr, nullptr);
   rill_invoke_free_client_writelock(conn);
   rill_ccmd_cleanup(&command);
-  return result;
+  if (result != 0) return Status::error(EIO, what + ": bus result " + std::to_string(result));
+  return Status();
 }
 
 void StorageModel::setStorageStatusLocked(int status) {
@@ -66,29 +69,33 @@ void StorageModel::signalTagStore() const {
   FileDescriptor signal(::open(config_.update_signal.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-void StorageModel::selectMetadataPartition(Partition& partition) {
-  {
-    File ini(std::fopen(config_.kord_ini.c_str(), "we"));
-    if (!ini) return;
-    timeval now{};
-    ::gettimeofday(&now, nullptr);
-    std::fprintf(ini.get(), "dms-metadata-db-%lu:%s:%s/%s\n", static_cast<unsigned long>(now.tv_sec),
-                 config_.root.c_str(), partition.mount_path.c_str(), kDatabaseFile);
-  }
+Status StorageModel::writeTagStoreConfiguration(const Partition& partition) const {
+  const std::string what = "write " + config_.kord_ini;
+  File ini(std::fopen(config_.kord_ini.c_str(), "we"));
+  if (!ini) return Status::lastError(what);
+  timeval now{};
+  ::gettimeofday(&now, nullptr);
+  const int written = std::fprintf(ini.get(), "dms-metadata-db-%lu:%s:%s/%s\n", static_cast<unsigned long>(now.tv_sec),
+                                   config_.root.c_str(), partition.mount_path.c_str(), kDatabaseFile);
+  // A full /tmp shows at the flush as often as at the write.
+  if (written < 0 || std::fclose(ini.release()) != 0) return Status::lastError(what);
+  return Status();
+}
+
+Status StorageModel::selectMetadataPartition(Partition& partition) {
+  // Nothing is chosen while the tag store cannot be told where: the bus
+  // thread tries again a settle later.
+  if (Status configured = writeTagStoreConfiguration(partition); !configured.ok()) return configured;
   signalTagStore();
   setStorageStatusLocked(kStorageOk);
   partition.disk->holds_metadata = 1;
+  // Only remembered for the next start: a failure loses no data.
   File location(std::fopen(config_.location.c_str(), "we"));
   if (location) std::fputs(partition.mount_path.c_str(), location.get());
+  return Status();
 }
 
-bool StorageModel::selectIfSuitable(Partition* partition, bool existing_database_only) {
-  if (!partition || !isSuitable(*partition, existing_database_only)) return false;
-  selectMetadataPartition(*partition);
-  return true;
-}
-
-bool StorageModel::chooseMetadataStorage() {
+Result<bool> StorageModel::chooseMetadataStorage() {
   // 1. The partition chosen last time, if it still holds its database.
   char remembered[300];
   bool have_remembered = false;
@@ -98,15 +105,12 @@ bool StorageModel::chooseMetadataStorage() {
   MutexLock hold(storage_lock);
   if (have_remembered) {
     Partition* found = findByMountPath(remembered);
-    if (selectIfSuitable(found, true)) return true;
+    if (found && isSuitable(*found, true)) return chosen(*found);
   }
   // 2. The first partition that already holds a database.
   for (Disk& disk : disks)
     for (Partition& partition : disk.partitions)
-      if (isSuitable(partition, true)) {
-        selectMetadataPartition(partition);
-        return true;
-      }
+      if (isSuitable(partition, true)) return chosen(partition);
   // 3. The best new place: the largest disk, then the most free space; a tie
   // goes to the partition met later (the older one).
   Partition* best = nullptr;
@@ -118,7 +122,11 @@ bool StorageModel::chooseMetadataStorage() {
         best = &partition;
     }
   if (!best) return false;
-  selectMetadataPartition(*best);
+  return chosen(*best);
+}
+
+Result<bool> StorageModel::chosen(Partition& partition) {
+  if (Status selected = selectMetadataPartition(partition); !selected.ok()) return selected;
   return true;
 }
 

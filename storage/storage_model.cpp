@@ -316,7 +316,7 @@ void StorageModel::queueForcedRescan(ScanRequests& scans) {
     for (const Partition& partition : disk.partitions) scans.enqueue(partition.mount_path, kScanForcedRescan);
 }
 
-int StorageModel::setBusValue(const char* object, const char* parameter, const char* value) {
+Status StorageModel::setBusValue(const char* object, const char* parameter, const char* value) {
   MutexLock hold(storage_lock);
   return setBusValueLocked(object, parameter, value);
 }

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "common/mutex.h"
+#include "common/status.h"
 #include "common/tag_names.h"
 #include "platform/rill.h"
 #include "platform/tock.h"
@@ -149,9 +150,9 @@ class StorageModel final : public StorageQueries {
   // while a metadata storage is chosen.
   void queueForcedRescan(ScanRequests& scans) EXCLUDES(storage_lock);
 
-  // The one write of a value on the bus, under the storage lock; 0 on
-  // success, -1 without connection.
-  int setBusValue(const char* object, const char* parameter, const char* value) EXCLUDES(storage_lock);
+  // The one write of a value on the bus, under the storage lock. Fails with
+  // ENOTCONN without a connection and EIO when the bus refused it.
+  Status setBusValue(const char* object, const char* parameter, const char* value) EXCLUDES(storage_lock);
   // Publishes the status when it changes; a new choice is scanned again.
   void setStorageStatus(int status) EXCLUDES(storage_lock);
   int storageStatus() const { return status_.load(); }
@@ -165,8 +166,10 @@ class StorageModel final : public StorageQueries {
   bool isSuitable(const Partition& partition, bool existing_database_only) const;
   // The selection run when the deadline expires with status "NoSuitableDisk":
   // remembered location, then first existing database, then the best new
-  // place. True when a partition was selected.
-  bool chooseMetadataStorage() EXCLUDES(storage_lock);
+  // place. True when a partition was selected, false when none is suitable.
+  // Fails, with nothing chosen, when the tag store's configuration cannot be
+  // written; the caller tries again later.
+  Result<bool> chooseMetadataStorage() EXCLUDES(storage_lock);
   // Mount paths of the partitions removed since the last call.
   std::vector<std::string> takeRemovedPartitions() EXCLUDES(storage_lock);
   // Calls visit for each disk, newest first, under the storage lock (tests).
@@ -192,12 +195,13 @@ class StorageModel final : public StorageQueries {
   void removePartition(Disk& disk, Partition& partition) REQUIRES(storage_lock);
   void releaseDisk(Disk& disk) REQUIRES(storage_lock);
   void freeDisk(Disk& disk) REQUIRES(storage_lock);
-  int setBusValueLocked(const char* object, const char* parameter, const char* value) REQUIRES(storage_lock);
+  Status setBusValueLocked(const char* object, const char* parameter, const char* value) REQUIRES(storage_lock);
   void setStorageStatusLocked(int status) REQUIRES(storage_lock);
-  void selectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
+  Status writeTagStoreConfiguration(const Partition& partition) const;
+  Status selectMetadataPartition(Partition& partition) REQUIRES(storage_lock);
+  Result<bool> chosen(Partition& partition) REQUIRES(storage_lock);
   void loseMetadata() REQUIRES(storage_lock);
   void signalTagStore() const;
-  bool selectIfSuitable(Partition* partition, bool existing_database_only) REQUIRES(storage_lock);
 
   WatchRequests& watches_;
   ScannerControl& scanner_;

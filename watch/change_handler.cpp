@@ -3,13 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
-#include "common/fs_error.h"
 #include "common/tag_names.h"
 #include "common/walk.h"
 #include "platform/kord.h"
@@ -52,9 +53,10 @@ void tagInvisible(const char* path) {
 // the path.
 bool existsAsNamed(const std::string& path, struct stat* st) {
   if (::lstat(path.c_str(), st) != 0) return false;
-  FsPathBuffer parent;
-  if (fsDirName(path.c_str(), parent.data(), kFsPathMax) != kFsOk) return true;
-  return fsHasEntry(parent.data()[0] ? parent.data() : "/", path.c_str() + std::strlen(parent.data()) + 1);
+  const std::optional<std::string_view> parent = fsDirName(path);
+  if (!parent) return true;
+  const std::string directory = parent->empty() ? "/" : std::string(*parent);
+  return fsHasEntry(directory.c_str(), path.c_str() + parent->size() + 1);
 }
 
 int vanished(const char* path) { return ::access(path, F_OK) != 0 ? 1 : 0; }
@@ -74,10 +76,10 @@ bool ChangeHandler::settled(std::time_t since, std::time_t now) const {
   return static_cast<std::uint64_t>(now - since) >= static_cast<std::uint64_t>(kFsSettleSeconds);
 }
 
-int ChangeHandler::fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) {
-  FsPathBuffer parent;
-  const int dir_result = fsDirName(path, parent.data(), kFsPathMax);
-  if (dir_result != kFsOk) return dir_result;
+Status ChangeHandler::fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) {
+  const std::optional<std::string_view> parent_view = fsDirName(path);
+  if (!parent_view) return Status::error(EINVAL, std::string("no directory in ") + path);
+  const std::string parent(*parent_view);
 
   if (has(flags, FS_CHANGE_DELETED)) {
     const std::time_t now = now_();
@@ -85,20 +87,20 @@ int ChangeHandler::fsHandleChange(const char* path, const char* old_path, std::u
     if (has(flags, FS_CHANGE_DIR))
       deletes_.remove_if([&](const PendingDelete& d) { return fsPathIsUnder(path, d.path.c_str()); });
     deletes_.push_front({path, now});
-    return kFsOk;
+    return Status();
   }
-  if (has(flags, FS_CHANGE_MOVED)) return handleMove(path, old_path, parent.data(), flags);
+  if (has(flags, FS_CHANGE_MOVED)) return handleMove(path, old_path, parent, flags);
 
   const bool created_file = has(flags, FS_CHANGE_CREATED | FS_CHANGE_FILE);
   const bool written_file = has(flags, FS_CHANGE_WRITTEN | FS_CHANGE_FILE);
   const std::time_t now = now_();
-  PendingChange& change = markChanged(parent.data(), now);
+  PendingChange& change = markChanged(parent, now);
   if (!change.waiting_for_close && created_file)
     change.waiting_for_close = true;
   else if (change.waiting_for_close && written_file)
     change.waiting_for_close = false;
   if (has(flags, FS_CHANGE_CREATED | FS_CHANGE_DIR)) markChanged(path, now).whole_tree = true;
-  return kFsOk;
+  return Status();
 }
 
 ChangeHandler::PendingChange& ChangeHandler::markChanged(const std::string& directory, std::time_t now) {
@@ -110,16 +112,16 @@ ChangeHandler::PendingChange& ChangeHandler::markChanged(const std::string& dire
   return changes_.emplace_back(PendingChange{directory, now, false});
 }
 
-int ChangeHandler::handleMove(const char* path, const char* old_path, const char* new_parent,
-                              std::uint32_t flags) {
-  if (!old_path) return kFsErrInvalid;
+Status ChangeHandler::handleMove(const char* path, const char* old_path, const std::string& new_parent,
+                                 std::uint32_t flags) {
+  if (!old_path) return Status::error(EINVAL, std::string("move without an old path to ") + path);
   const std::optional<std::string> partition = storage_.managedPartitionPath();
-  const int result = kord_move(old_path, path);
+  Status moved;
+  if (kord_move(old_path, path) != 0) moved = Status::error(EIO, std::string("kord_move ") + old_path);
 
-  FsPathBuffer old_parent;
-  if (fsDirName(old_path, old_parent.data(), kFsPathMax) == kFsOk) {
+  if (const std::optional<std::string_view> old_parent = fsDirName(old_path)) {
     storage_.sendChangeEvent(new_parent);
-    storage_.sendChangeEvent(old_parent.data());
+    storage_.sendChangeEvent(std::string(*old_parent));
   }
   const std::size_t old_len = std::char_traits<char>::length(old_path);
   if (has(flags, FS_CHANGE_DIR)) {
@@ -138,7 +140,7 @@ int ChangeHandler::handleMove(const char* path, const char* old_path, const char
   // as any delete.
   deletes_.push_front({old_path, now_()});
   if (partition && movedAcrossMedia(*partition, old_path, path)) tagInvisible(path);
-  return result;
+  return moved;
 }
 
 void ChangeHandler::fsFlushChanges() {
@@ -178,9 +180,8 @@ void ChangeHandler::flushDeletes(std::time_t now) {
       it = deletes_.erase(it);
       continue;
     }
-    FsPathBuffer parent;
-    if (fsDirName(it->path.c_str(), parent.data(), kFsPathMax) == kFsOk)
-      storage_.sendChangeEvent(parent.data());
+    if (const std::optional<std::string_view> parent = fsDirName(it->path))
+      storage_.sendChangeEvent(std::string(*parent));
     (void)kord_delete(it->path.c_str());
     it = deletes_.erase(it);
   }

@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
+
 #include "storage/scan_requests.h"
 #include "storage/storage_queries.h"
 
@@ -49,7 +51,7 @@ class ChangeNotices {
  public:
   virtual ~ChangeNotices() = default;
   // One notice: path, the old path of a move (else null), FsChange flags.
-  virtual int fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) = 0;
+  virtual Status fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) = 0;
   // Once per pass of the event loop: acts on what has settled.
   virtual void fsFlushChanges() = 0;
 };
@@ -59,9 +61,10 @@ class ChangeHandler final : public ChangeNotices {
   ChangeHandler(ScanRequests& scans, StorageQueries& storage, FsClock now = fsWallClock)
       : scans_(scans), storage_(storage), now_(std::move(now)) {}
 
-  // Returns 0; the fsDirName error for a path without '/'; kFsErrInvalid for
-  // a move without an old path; for a move, the result of kord_move.
-  int fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) override;
+  // Fails with EINVAL for a path without '/' or a move without an old path,
+  // and with EIO when the tag store could not move the old path's tags (the
+  // move is followed all the same).
+  Status fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) override;
   // While no metadata storage is ready, drops everything pending.
   void fsFlushChanges() override;
 
@@ -80,7 +83,7 @@ class ChangeHandler final : public ChangeNotices {
     std::string path;
     std::time_t time;
   };
-  int handleMove(const char* path, const char* old_path, const char* new_parent, std::uint32_t flags);
+  Status handleMove(const char* path, const char* old_path, const std::string& new_parent, std::uint32_t flags);
   PendingChange& markChanged(const std::string& directory, std::time_t now);
   void flushDeletes(std::time_t now);
   bool settled(std::time_t since, std::time_t now) const;

@@ -4,6 +4,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -17,12 +18,6 @@ namespace {
 constexpr std::uint32_t kDroppedEvents = IN_UNMOUNT | IN_Q_OVERFLOW | IN_IGNORED;
 constexpr std::size_t kEventHeaderSize = sizeof(inotify_event);
 static_assert(kEventHeaderSize == 16);
-
-struct Notice {
-  std::string path;
-  std::optional<std::string> old_path;
-  std::uint32_t flags;
-};
 
 }  // namespace
 
@@ -72,75 +67,81 @@ void WatchEventLoop::readEvents() {
 
 void WatchEventLoop::handleEvent(int wd, std::uint32_t mask, std::uint32_t cookie, const char* name) {
   if (mask & kDroppedEvents) return;
-  const bool is_dir = (mask & IN_ISDIR) != 0;
-  std::optional<Notice> renamed_away;  // the old path of a file whose name changed
-  std::optional<Notice> notice;
-  bool add_watch = false;
-  bool remove_watch = false;
   std::string path;
+  EventOutcome outcome;
   {
     MutexLock lock(table_.mutex());
     WatchNode* dir = table_.findDescriptor(wd);
     if (!dir) return;
-    FsPathBuffer dir_path;
-    if (!WatchTable::fullPath(dir, dir_path)) return;
-    path = dir_path.data();
-    if (name) {
-      if (name[0] == '.') return;
-      path.append("/").append(name);
-      if (path.size() > kFsPathMax) return;
-    }
-
-    const std::uint32_t event = mask & kFsWatchMask;
-    if (event & IN_MOVED_TO) {
-      auto from = moves_.begin();
-      while (from != moves_.end() && from->cookie != cookie) ++from;
-      if (from == moves_.end()) {
-        // Moved in from outside every watched tree.
-        if (is_dir) {
-          notice = Notice{path, std::nullopt, FS_CHANGE_CREATED | FS_CHANGE_DIR};
-          add_watch = true;
-        } else {
-          notice = Notice{path, std::nullopt, FS_CHANGE_WRITTEN | FS_CHANGE_FILE};
-        }
-      } else {
-        std::string old_path = std::move(from->path);
-        const std::string old_name = std::move(from->name);
-        moves_.erase(from);
-        if (is_dir) {
-          // The watched subtree follows in the trie; the kernel's watches
-          // stay where they are.
-          WatchNode* moved = table_.findPath(old_path.c_str());
-          if (moved && moved->parent && name) table_.moveNode(moved, dir, name);
-          notice = Notice{path, std::move(old_path), FS_CHANGE_MOVED | FS_CHANGE_DIR};
-        } else if (name && old_name == name) {
-          notice = Notice{path, std::move(old_path), FS_CHANGE_MOVED | FS_CHANGE_FILE};
-        } else {
-          // A rename: the old name is gone and a new file appeared.
-          renamed_away = Notice{std::move(old_path), std::nullopt, FS_CHANGE_DELETED | FS_CHANGE_FILE};
-          notice = Notice{path, std::nullopt, FS_CHANGE_WRITTEN | FS_CHANGE_FILE};
-        }
-      }
-    } else if (event & IN_CLOSE_WRITE) {
-      notice = Notice{path, std::nullopt, FS_CHANGE_WRITTEN | FS_CHANGE_FILE};
-    } else if (event & IN_MOVED_FROM) {
-      moves_.push_front({is_dir, cookie, name ? name : "", path, now_()});
-    } else if (event & IN_CREATE) {
-      notice = Notice{path, std::nullopt, FS_CHANGE_CREATED | (is_dir ? FS_CHANGE_DIR : FS_CHANGE_FILE)};
-      add_watch = is_dir;
-    } else if (event & IN_DELETE) {
-      notice = Notice{path, std::nullopt, FS_CHANGE_DELETED | (is_dir ? FS_CHANGE_DIR : FS_CHANGE_FILE)};
-      remove_watch = is_dir;
-    }
+    std::optional<std::string> event_path = eventPath(*dir, name);
+    if (!event_path) return;
+    path = std::move(*event_path);
+    outcome = classify(dir, path, mask, cookie, name);
   }
-  // The change handling and the table's add and remove take locks of their
-  // own, the table's included: only after the table's mutex is released.
-  if (renamed_away) notify(renamed_away->path, nullptr, renamed_away->flags);
-  if (notice) notify(notice->path, notice->old_path ? notice->old_path->c_str() : nullptr, notice->flags);
-  if (remove_watch) (void)table_.fsRemoveWatch(path.c_str());
+  act(path, outcome);
+}
+
+std::optional<std::string> WatchEventLoop::eventPath(const WatchNode& dir, const char* name) {
+  FsPathBuffer dir_path;
+  if (!WatchTable::fullPath(&dir, dir_path)) return std::nullopt;
+  std::string path = dir_path.data();
+  if (!name) return path;
+  if (name[0] == '.') return std::nullopt;
+  path.append("/").append(name);
+  if (path.size() > kFsPathMax) return std::nullopt;
+  return path;
+}
+
+WatchEventLoop::EventOutcome WatchEventLoop::classify(WatchNode* dir, const std::string& path, std::uint32_t mask,
+                                                      std::uint32_t cookie, const char* name) {
+  const bool is_dir = (mask & IN_ISDIR) != 0;
+  const std::uint32_t kind = is_dir ? FS_CHANGE_DIR : FS_CHANGE_FILE;
+  const std::uint32_t event = mask & kFsWatchMask;
+  if (event & IN_MOVED_TO) return movedTo(dir, path, is_dir, cookie, name);
+  if (event & IN_CLOSE_WRITE) return {.notice = Notice{path, std::nullopt, FS_CHANGE_WRITTEN | FS_CHANGE_FILE}};
+  if (event & IN_MOVED_FROM) {
+    moves_.push_front({is_dir, cookie, name ? name : "", path, now_()});
+    return {};
+  }
+  if (event & IN_CREATE) return {.notice = Notice{path, std::nullopt, FS_CHANGE_CREATED | kind}, .add_watch = is_dir};
+  if (event & IN_DELETE) return {.notice = Notice{path, std::nullopt, FS_CHANGE_DELETED | kind}, .remove_watch = is_dir};
+  return {};
+}
+
+WatchEventLoop::EventOutcome WatchEventLoop::movedTo(WatchNode* dir, const std::string& path, bool is_dir,
+                                                     std::uint32_t cookie, const char* name) {
+  const auto from = std::find_if(moves_.begin(), moves_.end(),
+                                 [cookie](const PendingMove& move) { return move.cookie == cookie; });
+  if (from == moves_.end()) {
+    // Moved in from outside every watched tree.
+    if (is_dir) return {.notice = Notice{path, std::nullopt, FS_CHANGE_CREATED | FS_CHANGE_DIR}, .add_watch = true};
+    return {.notice = Notice{path, std::nullopt, FS_CHANGE_WRITTEN | FS_CHANGE_FILE}};
+  }
+  PendingMove move = std::move(*from);
+  moves_.erase(from);
+  if (is_dir) {
+    // The watched subtree follows in the trie; the kernel's watches stay
+    // where they are.
+    WatchNode* moved = table_.findPath(move.path.c_str());
+    if (moved && moved->parent && name) table_.moveNode(moved, dir, name);
+    return {.notice = Notice{path, std::move(move.path), FS_CHANGE_MOVED | FS_CHANGE_DIR}};
+  }
+  if (name && move.name == name) return {.notice = Notice{path, std::move(move.path), FS_CHANGE_MOVED | FS_CHANGE_FILE}};
+  // A rename: the old name is gone and a new file appeared.
+  return {.renamed_away = Notice{std::move(move.path), std::nullopt, FS_CHANGE_DELETED | FS_CHANGE_FILE},
+          .notice = Notice{path, std::nullopt, FS_CHANGE_WRITTEN | FS_CHANGE_FILE}};
+}
+
+// The change handling and the table's add and remove take locks of their
+// own, the table's included: only after the table's mutex is released.
+void WatchEventLoop::act(const std::string& path, const EventOutcome& outcome) {
+  if (const auto& away = outcome.renamed_away) notify(away->path, nullptr, away->flags);
+  if (const auto& notice = outcome.notice)
+    notify(notice->path, notice->old_path ? notice->old_path->c_str() : nullptr, notice->flags);
+  if (outcome.remove_watch) (void)table_.fsRemoveWatch(path.c_str());
   // With its subtree: a directory copied or moved in may hold directories
   // made before this watch existed.
-  if (add_watch) (void)table_.fsAddWatchTree(path.c_str(), true);
+  if (outcome.add_watch) (void)table_.fsAddWatchTree(path.c_str(), true);
 }
 
 void WatchEventLoop::expireMoves() {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -65,8 +66,31 @@ class WatchEventLoop {
     std::string path;
     std::time_t time;
   };
+  // A change notice for the change handling.
+  struct Notice {
+    std::string path;
+    std::optional<std::string> old_path;
+    std::uint32_t flags;
+  };
+  // What one event asks for once the table's mutex is let go.
+  struct EventOutcome {
+    std::optional<Notice> renamed_away = {};  // the old path of a file whose name changed
+    std::optional<Notice> notice = {};
+    bool add_watch = false;
+    bool remove_watch = false;
+  };
   void readEvents();
   void handleEvent(int wd, std::uint32_t mask, std::uint32_t cookie, const char* name);
+  // The full path of the event's entry (dir alone when there is no name);
+  // nullopt for a hidden name or a path too long.
+  static std::optional<std::string> eventPath(const WatchNode& dir, const char* name);
+  EventOutcome classify(WatchNode* dir, const std::string& path, std::uint32_t mask, std::uint32_t cookie,
+                        const char* name) REQUIRES(table_.mutex());
+  // A move's second half: paired with its first by the cookie, or moved in
+  // from outside.
+  EventOutcome movedTo(WatchNode* dir, const std::string& path, bool is_dir, std::uint32_t cookie,
+                       const char* name) REQUIRES(table_.mutex());
+  void act(const std::string& path, const EventOutcome& outcome);
   void expireMoves();
   void notify(const std::string& path, const char* old_path, std::uint32_t flags);
 

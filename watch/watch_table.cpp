@@ -2,11 +2,12 @@
 
 #include <sys/inotify.h>
 
+#include <cerrno>
 #include <cstring>
-#include <new>
+#include <optional>
+#include <string_view>
 #include <utility>
 
-#include "common/fs_error.h"
 
 namespace zibd {
 
@@ -62,7 +63,7 @@ WatchNode* fsFindWatch(const char* path, WatchNode* list) {
 
 // --- WatchIndex ---
 
-int WatchIndex::insert(WatchNode* node) {
+Status WatchIndex::insert(WatchNode* node) {
   const int wd = node->wd;
   if (!rightmost_ && root_) {
     rightmost_ = root_;
@@ -74,21 +75,21 @@ int WatchIndex::insert(WatchNode* node) {
   } else {
     while (*link) {
       const int here = (*link)->wd;
-      if (wd == here) return kFsErrInvalid;
+      if (wd == here) return Status::error(EEXIST, "watch descriptor " + std::to_string(wd));
       link = wd < here ? &(*link)->index.left : &(*link)->index.right;
     }
   }
   node->index = {};
   *link = node;
   if (!rightmost_ || wd > rightmost_->wd) rightmost_ = node;
-  return kFsOk;
+  return Status();
 }
 
-int WatchIndex::remove(int wd) {
+Status WatchIndex::remove(int wd) {
   WatchNode** link = &root_;
   while (*link && (*link)->wd != wd) link = wd < (*link)->wd ? &(*link)->index.left : &(*link)->index.right;
   WatchNode* entry = *link;
-  if (!entry) return kFsErrInvalid;
+  if (!entry) return Status::error(ENOENT, "watch descriptor " + std::to_string(wd));
   // The left child takes the entry's place when the right one lies nearer,
   // else the right one; the other one's subtree leaves the index. A missing
   // child counts as a distance of 0. Computed wide, so that no descriptor
@@ -103,7 +104,7 @@ int WatchIndex::remove(int wd) {
   detach(kept == left ? right : left);
   entry->index = {};
   rightmost_ = nullptr;  // found again by the next insertion
-  return kFsOk;
+  return Status();
 }
 
 WatchNode* WatchIndex::find(int wd) const {
@@ -174,79 +175,72 @@ void WatchTable::freeNodes(WatchNode* list) {
   }
 }
 
-int WatchTable::fsInitWatch() {
+Status WatchTable::fsInitWatch() {
   inotify_.reset(::inotify_init1(IN_CLOEXEC));
-  return kFsOk;
+  return Status();
 }
 
-int WatchTable::fsAddWatch(const char* path) {
-  if (add_aborted_.load() != 0) return kFsStopped;
-  FsPathBuffer parent;
-  if (fsDirName(path, parent.data(), kFsPathMax) == kFsOk) {
-    const char* last = path + std::strlen(parent.data()) + 1;
-    if (::strnlen(last, kNameMax + 1) <= kNameMax && std::strcmp(last, ".kord") == 0) return kFsOk;
+Status WatchTable::fsAddWatch(const char* path) {
+  if (add_aborted_.load() != 0) return Status::stopped();
+  if (const std::optional<std::string_view> parent = fsDirName(path)) {
+    const char* last = path + parent->size() + 1;
+    if (::strnlen(last, kNameMax + 1) <= kNameMax && std::strcmp(last, ".kord") == 0) return Status();
   }
-  if (!path) return kFsErrInvalid;
 
   MutexLock lock(mutex_);
-  if (fsFindWatch(path, root_)) return kFsOk;
+  if (fsFindWatch(path, root_)) return Status();
   const int wd = ::inotify_add_watch(inotify_.get(), path, kFsWatchMask);
-  if (wd < 0) return kFsErrSystem;
-  if (path[0] != '/') return kFsErrInvalid;
+  if (wd < 0) return Status::lastError(std::string("inotify_add_watch ") + path);
+  if (path[0] != '/') return Status::error(EINVAL, std::string("relative path ") + path);
   return insert(path, wd);
 }
 
-int WatchTable::insert(const char* path, int wd) {
-  try {
-    const char* rest = path;
-    WatchNode* parent = nullptr;
-    WatchNode* node = root_;
-    for (;;) {
-      if (!node) {
-        // End of a sibling list: a new node for the next component.
-        const char* slash = std::strchr(rest + 1, '/');
-        const std::size_t len = slash ? static_cast<std::size_t>(slash - rest) : std::strlen(rest);
-        auto fresh = std::make_unique<WatchNode>();
-        fresh->name.assign(rest, len);
-        fresh->parent = parent;
-        if (parent) {
-          fresh->next = parent->first_child;
-          parent->first_child = fresh.get();
-        } else {
-          dropRootList();
-          root_ = fresh.get();
-        }
-        node = fresh.release();
-        if (!slash) {
-          node->wd = wd;
-          const int result = index_.insert(node);
-          if (result != kFsOk) node->wd = 0;
-          return result;
-        }
-        parent = node;
-        node = nullptr;
-        rest = slash + 1;
-        continue;
+Status WatchTable::indexNode(WatchNode* node, int wd) {
+  node->wd = wd;
+  Status indexed = index_.insert(node);
+  if (!indexed.ok()) node->wd = 0;
+  return indexed;
+}
+
+Status WatchTable::insert(const char* path, int wd) {
+  const char* rest = path;
+  WatchNode* parent = nullptr;
+  WatchNode* node = root_;
+  for (;;) {
+    if (!node) {
+      // End of a sibling list: a new node for the next component.
+      const char* slash = std::strchr(rest + 1, '/');
+      const std::size_t len = slash ? static_cast<std::size_t>(slash - rest) : std::strlen(rest);
+      auto fresh = std::make_unique<WatchNode>();
+      fresh->name.assign(rest, len);
+      fresh->parent = parent;
+      if (parent) {
+        fresh->next = parent->first_child;
+        parent->first_child = fresh.get();
+      } else {
+        dropRootList();
+        root_ = fresh.get();
       }
-      std::size_t matched = 0;
-      const int cmp = fsComparePath(node->name.c_str(), rest, &matched);
-      if (cmp == 0) {
-        if (node->wd != 0) return kFsErrInvalid;
-        node->wd = wd;
-        const int result = index_.insert(node);
-        if (result != kFsOk) node->wd = 0;
-        return result;
-      }
-      if (cmp == 1 && continuesWithSlash(*node, rest, matched)) {
-        parent = node;
-        rest += matched + 1;
-        node = node->first_child;
-        continue;
-      }
-      node = node->next;
+      node = fresh.release();
+      if (!slash) return indexNode(node, wd);
+      parent = node;
+      node = nullptr;
+      rest = slash + 1;
+      continue;
     }
-  } catch (const std::bad_alloc&) {
-    return kFsErrNoMemory;
+    std::size_t matched = 0;
+    const int cmp = fsComparePath(node->name.c_str(), rest, &matched);
+    if (cmp == 0) {
+      if (node->wd != 0) return Status::error(EEXIST, std::string("watched already: ") + path);
+      return indexNode(node, wd);
+    }
+    if (cmp == 1 && continuesWithSlash(*node, rest, matched)) {
+      parent = node;
+      rest += matched + 1;
+      node = node->first_child;
+      continue;
+    }
+    node = node->next;
   }
 }
 
@@ -258,22 +252,18 @@ void WatchTable::dropRootList() {
   root_ = nullptr;
 }
 
-int WatchTable::addWatchCallback(const char* path, void* table) {
-  return static_cast<WatchTable*>(table)->fsAddWatch(path);
-}
-
-int WatchTable::fsAddWatchTree(const char* path, bool recursive) {
+Status WatchTable::fsAddWatchTree(const char* path, bool recursive) {
   if (!recursive) return fsAddWatch(path);
-  return fsWalkTree(path, nullptr, &WatchTable::addWatchCallback, nullptr, this, true);
+  return fsWalkTree(path, {.dir = [this](const char* dir) { return fsAddWatch(dir); }}, true);
 }
 
-int WatchTable::fsRemoveWatch(const char* path) {
+Status WatchTable::fsRemoveWatch(const char* path) {
   std::vector<int> descriptors;
   WatchNode* node = nullptr;
   {
     MutexLock lock(mutex_);
     node = fsFindWatch(path, root_);
-    if (!node) return kFsErrInvalid;
+    if (!node) return Status::error(ENOENT, std::string("not watched: ") + path);
     if (node->parent) {
       WatchNode** link = &node->parent->first_child;
       while (*link != node) link = &(*link)->next;
@@ -306,7 +296,7 @@ int WatchTable::fsRemoveWatch(const char* path) {
   // memory go without the lock.
   for (const int wd : descriptors) (void)::inotify_rm_watch(inotify_.get(), wd);
   freeNodes(node);
-  return kFsOk;
+  return Status();
 }
 
 bool WatchTable::fullPath(const WatchNode* node, FsPathBuffer& buffer) {

@@ -17,6 +17,7 @@
 
 #include "common/file_descriptor.h"
 #include "common/mutex.h"
+#include "common/status.h"
 #include "common/walk.h"
 
 namespace zibd {
@@ -71,11 +72,11 @@ class WatchIndex {
   WatchIndex(const WatchIndex&) = delete;
   WatchIndex& operator=(const WatchIndex&) = delete;
 
-  // Enters node under its descriptor (node->wd). 0; kFsErrInvalid when that
-  // descriptor is already present.
-  int insert(WatchNode* node);
-  // 0; kFsErrInvalid when wd is not present.
-  int remove(int wd);
+  // Enters node under its descriptor (node->wd). Fails with EEXIST when
+  // that descriptor is already present.
+  Status insert(WatchNode* node);
+  // Fails with ENOENT when wd is not present.
+  Status remove(int wd);
   WatchNode* find(int wd) const;
   // Descriptors in the index, in ascending order (tests, diagnostics).
   std::vector<int> descriptors() const;
@@ -97,7 +98,7 @@ class WatchIndex {
 class WatchTable {
  public:
   // add_aborted is the watcher's stop flag (WatchRequestQueue::addAbortedFlag):
-  // while it is set every add returns kFsStopped.
+  // while it is set every add returns Status::stopped().
   explicit WatchTable(const std::atomic<int>& add_aborted) : add_aborted_(add_aborted) {}
   // Frees every node, including those the table's rules have dropped from the
   // trie, and closes the inotify instance. Shutdown leaves the watches to
@@ -106,29 +107,29 @@ class WatchTable {
   WatchTable(const WatchTable&) = delete;
   WatchTable& operator=(const WatchTable&) = delete;
 
-  // Makes the inotify instance (close-on-exec). A failure of inotify is kept
-  // as it comes: the daemon goes on indexing without watches (every add
-  // then fails with kFsErrSystem). Returns 0.
-  int fsInitWatch() EXCLUDES(mutex_);
+  // Makes the inotify instance (close-on-exec). Never fails: a failure of
+  // inotify is kept as it comes, and the daemon goes on indexing without
+  // watches (every add then fails with inotify_add_watch's EBADF).
+  Status fsInitWatch() EXCLUDES(mutex_);
 
-  // Watches one directory. Returns 0 when done or when there is nothing to do
-  // (the path is already in the trie, even only as an ancestor; its last
-  // component is ".kord"); kFsStopped while the add-aborted flag is set;
-  // kFsErrSystem when inotify_add_watch failed; kFsErrInvalid for a null or
-  // relative path (a relative path still gets a kernel watch, unrecorded) or
-  // a descriptor already in the table; kFsErrNoMemory.
-  int fsAddWatch(const char* path) EXCLUDES(mutex_);
+  // Watches one directory. Succeeds too when there is nothing to do (the
+  // path is already in the trie, even only as an ancestor; its last component
+  // is ".kord"). Stopped while the add-aborted flag is set. Fails with the
+  // errno of inotify_add_watch, with EINVAL for a relative path (which still
+  // gets a kernel watch, unrecorded) and with EEXIST for a descriptor already
+  // in the table.
+  Status fsAddWatch(const char* path) EXCLUDES(mutex_);
 
   // With recursive set, watches path and every non-hidden directory below it,
-  // parents first; the walk stops at the first add that does not return 0.
+  // parents first; the walk stops at the first add that does not succeed.
   // Otherwise one fsAddWatch. Returns the walk's (or the add's) result.
-  int fsAddWatchTree(const char* path, bool recursive) EXCLUDES(mutex_);
+  Status fsAddWatchTree(const char* path, bool recursive) EXCLUDES(mutex_);
 
   // Drops path and everything below it from the table and the kernel.
   // Removing a root-level node empties the whole trie (the other root-level
   // trees stay watched and indexed, but can no longer be found by path).
-  // Returns 0, or kFsErrInvalid when the path is not in the table.
-  int fsRemoveWatch(const char* path) EXCLUDES(mutex_);
+  // Fails with ENOENT when the path is not in the table.
+  Status fsRemoveWatch(const char* path) EXCLUDES(mutex_);
 
   // The inotify descriptor the event loop reads (negative when none).
   int descriptor() const { return inotify_.get(); }
@@ -152,8 +153,8 @@ class WatchTable {
   int descriptorOf(const char* path) EXCLUDES(mutex_);
 
  private:
-  static int addWatchCallback(const char* path, void* table);
-  int insert(const char* path, int wd) REQUIRES(mutex_);
+  Status insert(const char* path, int wd) REQUIRES(mutex_);
+  Status indexNode(WatchNode* node, int wd) REQUIRES(mutex_);
   void dropRootList() REQUIRES(mutex_);
   static void freeNodes(WatchNode* list);
 

@@ -11,8 +11,8 @@ bool WatcherThread::step() {
     (void)table_.fsAddWatchTree(request->path.c_str(), true);
     queue_.finishAdd();
   } else {
-    // A tree that is not watched (its add was dropped or failed) gives
-    // kFsErrInvalid, which changes nothing.
+    // A tree that is not watched (its add was dropped or failed) is not
+    // found, which changes nothing.
     (void)table_.fsRemoveWatch(request->path.c_str());
   }
   return true;

@@ -93,8 +93,8 @@ class ReadyStorage : public StorageQueries {
 
 class NoReports : public ScanReports {
  public:
-  int reportProfiling(int) override { return 8; }
-  int reportPartitionScanned(const std::string&) override { return 8; }
+  void reportProfiling(bool) override {}
+  void reportPartitionScanned(const std::string&) override {}
 };
 
 std::string filePath(const std::string& partition, const Options& o, int i) {
@@ -104,15 +104,9 @@ std::string filePath(const std::string& partition, const Options& o, int i) {
 // Times one walk of the tree with a per-file callback.
 template <typename PerFile>
 double timeWalk(const std::string& root, PerFile per_file) {
-  struct Context {
-    PerFile* f;
-  } context{&per_file};
   const double start = now();
-  int rc = fsWalkTree(
-      root.c_str(),
-      [](const char* path, void* data) { return (*static_cast<Context*>(data)->f)(path); },
-      nullptr, nullptr, &context, true);
-  if (rc != 0) die("walk");
+  const zibd::Status walked = fsWalkTree(root.c_str(), {.file = per_file}, true);
+  if (!walked.ok()) die("walk");
   return now() - start;
 }
 
@@ -195,7 +189,7 @@ Round measure(const Options& o, const std::string& self) {
     const std::string map = scratch + "/types.ini";
     std::ofstream(map) << "mkv:STDVIDEO:" << self << ":--profiler:" << stamps << "\n";
     FILE* f = fopen(map.c_str(), "re");
-    if (!f || types.load(f) != 0) die("file-type map");
+    if (!f || !types.load(f, map).ok()) die("file-type map");
     fclose(f);
   }
   OneRule rules(partition);
@@ -205,17 +199,19 @@ Round measure(const Options& o, const std::string& self) {
 
   Round r;
   // The parts, each on its own, before the scan while the database is empty.
-  r.walk = timeWalk(partition, [](const char*) { return 0; });
+  r.walk = timeWalk(partition, [](const char*) { return zibd::Status(); });
   r.stat = timeWalk(partition, [](const char* path) {
     struct stat st {};
-    return ::stat(path, &st) == 0 ? 0 : 1;
+    (void)::stat(path, &st);
+    return zibd::Status();
   });
   {
     kord_bulk_t* bulk = kord_bulk_init();
     char value[20];
     r.select = timeWalk(partition, [&](const char* path) {
       if (kord_bulk_setpath(bulk, path) != 0) die("setpath");
-      return kord_bulk_gettag(bulk, kTagModified, value, sizeof value) == 0 ? 1 : 0;
+      (void)kord_bulk_gettag(bulk, kTagModified, value, sizeof value);
+      return zibd::Status();
     });
     kord_bulk_fini(bulk);
   }

@@ -84,15 +84,15 @@ struct ReadyStorage : zibd::StorageQueries {
 void benchAddTree(const std::string& root, int dirs) {
   std::atomic<int> aborted{0};
   zibd::WatchTable table(aborted);
-  table.fsInitWatch();
+  (void)table.fsInitWatch();
   const std::size_t before = mallinfo2().uordblks;
   const auto start = Clock::now();
-  const int result = table.fsAddWatchTree(root.c_str(), true);
+  const zibd::Status result = table.fsAddWatchTree(root.c_str(), true);
   const double ms = msSince(start);
   const std::size_t after = mallinfo2().uordblks;
   const std::size_t watched = table.indexedDescriptors().size();
-  std::printf("zibd fsAddWatchTree: %d directories, %zu watched (result %d) in %.1f ms; heap %zu bytes = %.1f bytes per directory\n",
-              dirs, watched, result, ms, after - before,
+  std::printf("zibd fsAddWatchTree: %d directories, %zu watched (%s) in %.1f ms; heap %zu bytes = %.1f bytes per directory\n",
+              dirs, watched, result.message().c_str(), ms, after - before,
               watched ? static_cast<double>(after - before) / static_cast<double>(watched) : 0.0);
 }
 
@@ -150,11 +150,11 @@ void benchLatency(const std::string& root, int files) {
   ReadyStorage storage;
   std::atomic<int> aborted{0}, running{1};
   zibd::WatchTable table(aborted);
-  table.fsInitWatch();
+  (void)table.fsInitWatch();
   const std::string base = root + "/latency";
   ::mkdir(base.c_str(), 0755);
   for (int i = 0; i < files; ++i) ::mkdir((base + "/" + std::to_string(i)).c_str(), 0755);
-  table.fsAddWatchTree(base.c_str(), true);
+  (void)table.fsAddWatchTree(base.c_str(), true);
   zibd::ChangeHandler handler(scans, storage);
   zibd::WatchEventLoop loop(table, &handler, -1, nullptr, running);
 

@@ -89,7 +89,7 @@ int daemonize(const char* name) {
       ::open(pid_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kPidFileMode));
   if (!pid_file) return -1;
   zibd::Pipe ready;
-  if (ready.open() != 0) return -1;
+  if (!ready.open().ok()) return -1;
 
   std::fflush(nullptr);  // or both processes would write what is buffered
   const pid_t child = ::fork();

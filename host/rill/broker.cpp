@@ -646,7 +646,7 @@ struct Broker::State {
 
 Broker::Broker(Model model, BrokerOptions options)
     : state_(std::make_unique<State>(std::move(model), std::move(options))) {
-  stop_pipe_.open(O_NONBLOCK);
+  (void)stop_pipe_.open(O_NONBLOCK);
 }
 
 Broker::~Broker() {

@@ -104,7 +104,7 @@ std::optional<std::uint64_t> parseNumber(std::string_view s) {
 // time) and what it printed.
 int runCapturing(const std::vector<std::string>& argv, std::string* output) {
   Pipe pipe;
-  if (pipe.open() != 0) return -1;
+  if (!pipe.open().ok()) return -1;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);

@@ -56,7 +56,7 @@ constexpr const char* kClearBelow = "\x1b[J";
 }  // namespace
 
 SignalPipe::SignalPipe() {
-  if (pipe_.open(O_NONBLOCK) != 0) return;
+  if (!pipe_.open(O_NONBLOCK).ok()) return;
   g_signal_write = pipe_.write_end.get();
   struct sigaction action {};
   action.sa_handler = onSignal;

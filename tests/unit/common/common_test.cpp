@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "common/file_descriptor.h"
-#include "common/fs_error.h"
 #include "common/spawn.h"
 #include "common/walk.h"
 #include "tests/support/fault_injection.h"
@@ -41,19 +40,19 @@ int directoryStreams(const std::string& root) {
   return n;
 }
 
-// Each callback as "F|D|E <path relative to root>" with the streams open then; stop_at returns stop_code.
+// Each visit as "F|D <path relative to root>" with the streams open then; stop_at returns stop_with.
 struct Recorder {
   std::string root, stop_at;
-  int stop_code = 0;
+  Status stop_with;
   bool remove_dirs = false;  // rmdir every directory as it is reported
   Events events;
   std::vector<int> streams;
-  int record(char kind, const char* path) {
+  Status record(char kind, const char* path) {
     const std::string p = path, rel = p == root ? "." : p.rfind(root + "/", 0) == 0 ? p.substr(root.size() + 1) : p;
     events.push_back(std::string(1, kind) + " " + rel);
     streams.push_back(directoryStreams(root));
     if (kind == 'D' && remove_dirs) ::rmdir(path);
-    return rel == stop_at ? stop_code : 0;
+    return rel == stop_at ? stop_with : Status();
   }
   Events only(char kind) const {
     Events out;
@@ -61,15 +60,18 @@ struct Recorder {
     return out;
   }
 };
-template <char kKind>
-int on(const char* path, void* r) { return static_cast<Recorder*>(r)->record(kKind, path); }
-
 class WalkTest : public test::SandboxTest {
  protected:
+  // The walk's errno (0 for success); the streams left open afterwards go to the events as "E".
   int walk(const std::string& path, bool files = true, bool dirs = true, bool recursive = true) {
     rec_.root = path;
     rec_.events.clear(), rec_.streams.clear();
-    return fsWalkTree(path.c_str(), files ? on<'F'> : nullptr, dirs ? on<'D'> : nullptr, on<'E'>, &rec_, recursive);
+    FsWalkVisitors visit;
+    if (files) visit.file = [this](const char* p) { return rec_.record('F', p); };
+    if (dirs) visit.dir = [this](const char* p) { return rec_.record('D', p); };
+    const Status walked = fsWalkTree(path.c_str(), visit, recursive);
+    if (walked.code() != EINVAL) (void)rec_.record('E', path.c_str());
+    return walked.code();
   }
   Recorder rec_;
 };
@@ -109,7 +111,7 @@ TEST_F(WalkTest, RootsOfEveryKind) {
   const struct { std::string root; bool files, dirs, recursive; int result; Events events; } cases[] = {
       {"song.mp3", true, true, true, 0, {"F .", "E ."}}, {"song.mp3", false, true, true, 0, {"E ."}},
       {"fifo", true, true, true, 0, {"E ."}}, {"", true, true, false, 0, {"D .", "F song.mp3", "E ."}},
-      {"missing", true, true, true, kFsErrPath, {}}, {"", false, false, true, kFsErrInvalid, {}}};
+      {"missing", true, true, true, ENOENT, {"E ."}}, {"", false, false, true, EINVAL, {}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.root);
     const std::string root = c.root.empty() ? sandbox_.path() : sandbox_ / c.root;
@@ -130,8 +132,7 @@ TEST_F(WalkTest, FollowsALinkedRootButNotLinksInside) {
   EXPECT_THAT(rec_.only('D'), UnorderedElementsAre(".", "dir"));
 }
 
-// A callback's non-zero result ends the walk and is its result; a vanished directory gives
-// kFsErrPath. The end callback still runs.
+// A visitor's failure ends the walk and is its result; a vanished directory gives ENOENT.
 TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
   for (const char* f : {"one/a", "two/c", "three/d"}) sandbox_.write(f);
   EXPECT_EQ(walk(sandbox_.path()), 0);
@@ -139,8 +140,8 @@ TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
   ASSERT_TRUE(dirs.size() == 4u && all.size() == 8u && all[4][0] == 'F');
   for (const std::string& stop : {all[4], "D " + dirs[2]}) {
     rec_.stop_at = stop.substr(2);
-    rec_.stop_code = 7;
-    EXPECT_EQ(walk(sandbox_.path()), 7);
+    rec_.stop_with = Status::stopped();
+    EXPECT_EQ(walk(sandbox_.path()), ECANCELED);
     Events expected(all.begin(), std::find(all.begin(), all.end(), stop) + 1);
     expected.push_back("E .");
     EXPECT_EQ(rec_.events, expected);
@@ -148,7 +149,7 @@ TEST_F(WalkTest, StopsAtACallbackThatSaysSoOrAtAnUnreadableDirectory) {
   rec_.stop_at.clear();
   rec_.remove_dirs = true;
   for (const auto& f : fs::directory_iterator(sandbox_ / dirs[3])) fs::remove(f.path());
-  EXPECT_EQ(walk(sandbox_.path()), kFsErrPath);
+  EXPECT_EQ(walk(sandbox_.path()), ENOENT);
   EXPECT_EQ(rec_.events, (Events{"D .", "D " + dirs[1], "D " + dirs[2], "D " + dirs[3], "E ."}));
 }
 
@@ -161,9 +162,9 @@ TEST_F(WalkTest, DirectoryOf4095CharactersIsRefusedButReported) {
     refused.append("/").append(room > 200 ? std::min<std::size_t>(200, room - 2) : room, 'n');
     ASSERT_EQ(::mkdir(refused.c_str(), 0700), 0) << refused.size();
   }
-  EXPECT_EQ(walk(refused), kFsErrPath);
+  EXPECT_EQ(walk(refused), ENAMETOOLONG);
   EXPECT_EQ(rec_.events, (Events{"D .", "E ."}));
-  EXPECT_EQ(walk(sandbox_ / "a", false), kFsErrPath);
+  EXPECT_EQ(walk(sandbox_ / "a", false), ENAMETOOLONG);
   EXPECT_EQ(rec_.only('D').back().size(), refused.size() - (sandbox_ / "a").size() - 1);
 }
 
@@ -175,18 +176,10 @@ TEST(PathHelpers, IsUnderAndDirName) {
   for (const auto& c : under)
     EXPECT_EQ(fsPathIsUnder(c.prefix, c.path), c.under) << (c.prefix ? c.prefix : "null") << " " << c.path;
 
-  // "/abcd" in 5: a parent exactly size long is ended at dest[size].
-  const struct { const char* path; std::size_t size; int result; const char* parent; } dir_names[] = {
-      {"/var/uuidmount/p1", 15, 0, "/var/uuidmount"}, {"/x", 1, 0, ""}, {"/a/b/", 8, 0, "/a/b"},
-      {"rel/name", 8, 0, "rel"}, {"/abcd/e", 5, 0, "/abcd"}, {"/abcd/e", 4, kFsErrTooSmall, nullptr},
-      {"noslash", 7, kFsErrInvalid, nullptr}, {nullptr, 7, kFsErrInvalid, nullptr},
-      {"/a/b", 0, kFsErrInvalid, nullptr}};
-  for (const auto& c : dir_names) {
-    std::string dest(16, 'z');  // nothing may be written beyond the terminator
-    EXPECT_EQ(fsDirName(c.path, dest.data(), c.size), c.result) << (c.path ? c.path : "null");
-    if (c.parent) { EXPECT_EQ(dest.substr(0, std::strlen(c.parent) + 2), std::string(c.parent) + '\0' + 'z'); }
-  }
-  EXPECT_EQ(fsDirName("/a/b", nullptr, 7), kFsErrInvalid);
+  const struct { const char *path, *parent; } dir_names[] = {
+      {"/var/uuidmount/p1", "/var/uuidmount"}, {"/x", ""}, {"/a/b/", "/a/b"}, {"rel/name", "rel"}, {"noslash", nullptr}};
+  for (const auto& c : dir_names)
+    EXPECT_EQ(fsDirName(c.path), c.parent ? std::optional<std::string_view>(c.parent) : std::nullopt) << c.path;
 }
 
 using SpawnTest = test::SandboxTest;
@@ -210,10 +203,11 @@ TEST_F(SpawnTest, ChildStartsWithTheStandardDescriptorsAndDefaultSignals) {
   ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &previous), 0);
   const auto old_pipe = ::signal(SIGPIPE, SIG_IGN);
   ASSERT_NE(old_pipe, SIG_ERR);
-  const SpawnResult r = spawnProcess({"sleep", "60"});
+  Result<ChildProcess> spawned = spawnProcess({"sleep", "60"});
   ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   ::signal(SIGPIPE, old_pipe);
-  ASSERT_GT(r.pid, 0);
+  ASSERT_TRUE(spawned.ok()) << spawned.status().message();
+  const ChildProcess& r = spawned.value();
   const std::string proc = "/proc/" + std::to_string(r.pid);
   std::set<std::string> fds;
   for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) fds.insert(entry.path().filename());
@@ -232,16 +226,15 @@ TEST_F(SpawnTest, ChildStartsWithTheStandardDescriptorsAndDefaultSignals) {
 
 // A failed exec is reported, its child exits 1. A failed fork or pipe makes no child and leaks nothing.
 TEST_F(SpawnTest, FailuresAreReportedAndLeakNothing) {
-  const SpawnResult failed_exec = spawnProcess({sandbox_ / "no-such-profiler", "arg"});
-  ASSERT_GT(failed_exec.pid, 0);
-  EXPECT_EQ(failed_exec.exec_error, ENOENT);
-  EXPECT_EQ(reap(failed_exec.pid), 1);
+  const Result<ChildProcess> failed_exec = spawnProcess({sandbox_ / "no-such-profiler", "arg"});
+  ASSERT_TRUE(failed_exec.ok());
+  EXPECT_EQ(failed_exec->exec.code(), ENOENT);
+  EXPECT_EQ(reap(failed_exec->pid), 1);
   for (const auto& [call, error] : {std::pair{test::Call::kFork, EAGAIN}, std::pair{test::Call::kPipe2, EMFILE}}) {
     const int before = lowestFreeDescriptor();
     test::ScopedFault fault(call, error);
-    const SpawnResult r = spawnProcess({"/bin/true"});
-    EXPECT_EQ(r.pid, -1);
-    EXPECT_EQ(r.error, error);
+    const Result<ChildProcess> r = spawnProcess({"/bin/true"});
+    EXPECT_EQ(r.status().code(), error);
     EXPECT_EQ(lowestFreeDescriptor(), before);
   }
 }

@@ -18,12 +18,12 @@ namespace {
 class TerminationSignal : public ::testing::TestWithParam<int> {};
 
 TEST_P(TerminationSignal, IsHandledInsideTheWaitThatLetsItIn) {
-  ASSERT_EQ(g_daemon.termination_pipe.open(O_NONBLOCK), 0);
+  ASSERT_TRUE(g_daemon.termination_pipe.open(O_NONBLOCK).ok());
   g_daemon.running.store(1);
   sigset_t original, wait_mask;
   ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &original), 0);
-  ASSERT_EQ(blockTerminationSignals(&wait_mask), 0);
-  ASSERT_EQ(installTerminationHandler(), 0);
+  ASSERT_TRUE(blockTerminationSignals(&wait_mask).ok());
+  ASSERT_TRUE(installTerminationHandler().ok());
   ASSERT_EQ(::raise(GetParam()), 0);
   EXPECT_EQ(g_daemon.running.load(), 1) << "handled outside the wait";
   struct pollfd termination = {g_daemon.termination_pipe.read_end.get(), POLLIN, 0};

@@ -58,7 +58,7 @@ class KordDurabilityTest : public KordTest {
   // Starts this program as a writer that reports on the pipe.
   void spawn(const char* role) {
     configure();
-    ASSERT_EQ(pipe_.open(), 0);
+    ASSERT_TRUE(pipe_.open().ok());
     const std::string request = std::string(role) + ":" + std::to_string(pipe_.write_end.get()) + ":" + base_;
     if ((pid_ = ::fork()) == 0) {
       ::fcntl(pipe_.write_end.get(), F_SETFD, 0);  // kept across exec

@@ -340,7 +340,7 @@ TEST_F(KordViewTest, ConditionsRepairsCreateAndDelete) {
 TEST_F(KordViewTest, ViewsWhoseCreatorIsGoneOrOfAnEarlierBootAreDeleted) {
   pending(at("p1/a.mp4"));
   Pipe pipe;
-  ASSERT_EQ(pipe.open(), 0);
+  ASSERT_TRUE(pipe.open().ok());
   const pid_t pid = ::fork();
   if (pid == 0 && ::write(pipe.write_end.get(), makeView("dead").empty() ? "0" : "1", 1) == 1) ::pause();
   if (pid == 0) ::_exit(1);

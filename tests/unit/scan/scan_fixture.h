@@ -34,9 +34,9 @@ struct FakeStorage : StorageQueries {
 
 // Records reports as "busy", "idle" or the scanned partition's path.
 struct FakeReports : ScanReports {
-  int reportProfiling(int busy) override { return add(busy ? "busy" : "idle"); }
-  int reportPartitionScanned(const std::string& mount_path) override { return add(mount_path); }
-  int add(const std::string& report) { std::lock_guard lock(mutex); all.push_back(report); return 8; }
+  void reportProfiling(bool busy) override { add(busy ? "busy" : "idle"); }
+  void reportPartitionScanned(const std::string& mount_path) override { add(mount_path); }
+  void add(const std::string& report) { std::lock_guard lock(mutex); all.push_back(report); }
   std::vector<std::string> reports() const { std::lock_guard lock(mutex); return all; }
   mutable std::mutex mutex;
   std::vector<std::string> all;
@@ -57,12 +57,13 @@ struct FakeRules : IndexRules {
   void resolveRulePaths() override { ++resolves; }
 };
 
-// Loads text as a map file: the parse result (0 or a line number).
-inline int parseMap(FileTypeMap& map, std::string text) {
+// Loads text as the map file "map": "" or what the load said.
+inline std::string parseMap(FileTypeMap& map, std::string text) {
   std::FILE* file = ::fmemopen(text.data(), text.size(), "r");
-  const int result = file ? map.load(file) : -1;
-  if (file) std::fclose(file);
-  return result;
+  if (!file) return "fmemopen";
+  const Status loaded = map.load(file, "map");
+  std::fclose(file);
+  return loaded.ok() ? "" : loaded.what();
 }
 
 class ScanTest : public KordTest {
@@ -75,7 +76,7 @@ class ScanTest : public KordTest {
   }
   void loadMap(const std::string& text) {
     types_.clear();
-    ASSERT_EQ(parseMap(types_, text), 0);
+    ASSERT_EQ(parseMap(types_, text), "");
   }
   // An executable shell script in the sandbox; its path.
   std::string script(const std::string& name, const std::string& body) {

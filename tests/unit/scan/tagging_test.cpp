@@ -47,7 +47,7 @@ TEST(FileTypeMapTest, ParsesRecordsFieldsAndErrorLines) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text.substr(0, 60));
     FileTypeMap map;
-    EXPECT_EQ(test::parseMap(map, c.text), c.result);
+    EXPECT_EQ(test::parseMap(map, c.text), c.result == 0 ? "" : "Parse error on line " + std::to_string(c.result) + " of map");
     // The broken line's record was already in the map when its fields failed.
     EXPECT_TRUE(c.result == 0 || !map.empty());
     EXPECT_EQ(listed(map, c.result != 0 ? 1 : 0), c.records);
@@ -56,7 +56,7 @@ TEST(FileTypeMapTest, ParsesRecordsFieldsAndErrorLines) {
 
 TEST(FileTypeMapTest, FindIgnoresCaseAndAsksTheLastHitFirst) {
   FileTypeMap map;
-  ASSERT_EQ(test::parseMap(map, "mp4,avi,jpg:STDVIDEO:v:\nmp4,m4a,,:STDAUDIO:a:\n"), 0);
+  ASSERT_EQ(test::parseMap(map, "mp4,avi,jpg:STDVIDEO:v:\nmp4,m4a,,:STDAUDIO:a:\n"), "");
   const FileTypeRecord *audio = map.records().at(0).get(), *video = map.records().at(1).get();
   EXPECT_EQ(map.find("mp4"), audio);  // the later line
   EXPECT_EQ(map.find("AVI"), video);
@@ -73,7 +73,8 @@ TEST(FileTypeMapTest, FindIgnoresCaseAndAsksTheLastHitFirst) {
 
 class TaggingTest : public test::ScanTest {
  protected:
-  int tag(const std::string& path, const Visibility& visibility = {}) { return tagger_.tagFile(path.c_str(), visibility); }
+  // The tagging's errno: 0, or ECANCELED for a stop.
+  int tag(const std::string& path, const Visibility& visibility = {}) { return tagger_.tagFile(path.c_str(), visibility).code(); }
 
   std::atomic<int> abort_{0};
   KordBulk bulk_{kord_bulk_init()};
@@ -114,7 +115,7 @@ TEST_F(TaggingTest, NewFilesWithinTheRulesAndMapGetIdentityVisibilityAndABatchOf
   EXPECT_EQ(tag(media("p2/Music/song.mp3")), 0);
   EXPECT_EQ(getTag(at("p2/Music/song.mp3"), kTagFileType), "STDAUDIO");
   abort_ = 1;
-  EXPECT_EQ(tag(media("p1/film.mkv")), 1);
+  EXPECT_EQ(tag(media("p1/film.mkv")), ECANCELED);
   EXPECT_EQ(tagsOf(at("p1/film.mkv")), "unknown");
 }
 
@@ -148,12 +149,12 @@ TEST_F(TaggingTest, VisibilityIsGivenOnceAndAProfiledFileIsTaggedAgainOnlyWhenIt
 TEST_F(TaggingTest, CleanupDropsWhatIsGoneOrNoLongerWanted) {
   rules_.rules[at("p2")] = kCategoryPictures;
   for (const char* kept : {"p1/film.mkv", "p1/song.mp3", "p2/photo.JPG"})
-    EXPECT_EQ(tagger_.unwanted(media(kept).c_str()), 0) << kept;
-  EXPECT_EQ(tagger_.unwanted(at("p1/gone.mkv").c_str()), 1);
+    EXPECT_FALSE(tagger_.unwanted(media(kept).c_str())) << kept;
+  EXPECT_TRUE(tagger_.unwanted(at("p1/gone.mkv").c_str()));
   for (const char* dropped : {"p1/README", "p1/notes.txt", "p2/film.mkv"})
-    EXPECT_EQ(tagger_.unwanted(media(dropped).c_str()), 1) << dropped;
+    EXPECT_TRUE(tagger_.unwanted(media(dropped).c_str())) << dropped;
   rules_.rules.clear();
-  EXPECT_EQ(tagger_.unwanted(at("p1/film.mkv").c_str()), 1);  // no rule at all
+  EXPECT_TRUE(tagger_.unwanted(at("p1/film.mkv").c_str()));  // no rule at all
   // The C callback answers for the Tagger of the running cleanup only.
   EXPECT_EQ(Tagger::cleanupCheck(at("p1/film.mkv").c_str()), 0);
   Tagger::CleanupScope scope(tagger_);

@@ -94,7 +94,9 @@ TEST_P(ChoiceTest, ChoosesTheRememberedThenAnExistingDatabaseThenTheBestNewPlace
   if (*c.location) sandbox_.write("location", root_ + "/" + c.location);
   record(model, {"Storage.Disk.1", "Storage.Disk.2", "Storage.Disk.3"}, objects);
 
-  EXPECT_EQ(model_->chooseMetadataStorage(), *c.chosen != '\0');
+  const Result<bool> chosen_any = model_->chooseMetadataStorage();
+  ASSERT_TRUE(chosen_any.ok()) << chosen_any.status().message();
+  EXPECT_EQ(chosen_any.value(), *c.chosen != '\0');
   if (!*c.chosen) {
     EXPECT_EQ(model_->storageStatus(), kNoSuitableDisk);
     EXPECT_EQ(sandbox_.read("kord.ini"), "");

@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/fs_error.h"
 #include "tests/unit/kord/kord_fixture.h"
 
 namespace zibd {
@@ -40,9 +39,12 @@ constexpr uint32_t kDeletedFile = FS_CHANGE_DELETED | FS_CHANGE_FILE;
 class ChangeHandlerTest : public test::KordTest {
  protected:
   void SetUp() override { KordTest::SetUp(); configure(); }
-  int notice(const std::string& relative, uint32_t flags, const std::string& old_relative = "") {
+  Status handle(const std::string& relative, uint32_t flags, const std::string& old_relative = "") {
     const std::string old = old_relative.empty() ? "" : at(old_relative);
     return handler_.fsHandleChange(at(relative).c_str(), old.empty() ? nullptr : old.c_str(), flags);
+  }
+  void notice(const std::string& relative, uint32_t flags, const std::string& old_relative = "") {
+    (void)handle(relative, flags, old_relative);
   }
   void flushAfter(std::time_t seconds) { now_ += seconds, handler_.fsFlushChanges(); }
 
@@ -55,9 +57,9 @@ class ChangeHandlerTest : public test::KordTest {
 TEST_F(ChangeHandlerTest, DirectoryGoesToTheScannerAfterThreeQuietSecondsAndTheLastClose) {
   for (int i = 0; i < 10; ++i) {
     const std::string file = "p1/Media/" + std::to_string(i) + ".mp3";
-    EXPECT_EQ(notice(file, kCreatedFile), kFsOk);
+    EXPECT_TRUE(handle(file, kCreatedFile).ok());
     flushAfter(2);
-    EXPECT_EQ(notice(file, kWrittenFile), kFsOk);
+    EXPECT_TRUE(handle(file, kWrittenFile).ok());
   }
   flushAfter(2);
   EXPECT_TRUE(scans_.requests.empty());
@@ -115,8 +117,8 @@ TEST_F(ChangeHandlerTest, PendingDeletesGiveWayToWhatTakesTheirPlaceAndFollowMov
 
 // Refused: a relative path, a move without its source. Dropped: what is pending when the storage goes.
 TEST_F(ChangeHandlerTest, BadNoticesAreRefusedAndNothingIsKeptWithoutStorage) {
-  EXPECT_EQ(handler_.fsHandleChange("relative.mp3", nullptr, kCreatedFile), kFsErrInvalid);
-  EXPECT_EQ(notice("p1/x.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE), kFsErrInvalid);
+  EXPECT_EQ(handler_.fsHandleChange("relative.mp3", nullptr, kCreatedFile).code(), EINVAL);
+  EXPECT_EQ(handle("p1/x.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE).code(), EINVAL);
   tag(at("p1/gone.mp3"), {{".s.hash", "1"}});
   notice("p1/gone.mp3", kDeletedFile);
   notice("p1/other/new.mp3", kWrittenFile);
@@ -130,7 +132,7 @@ TEST_F(ChangeHandlerTest, BadNoticesAreRefusedAndNothingIsKeptWithoutStorage) {
 
 TEST_F(ChangeHandlerTest, MovesApplyAtOnceAndCarryPendingDirectories) {
   tag(at("p1/other/a.mp3"), {{".s.hash", "7"}});
-  EXPECT_EQ(notice("p1/Media/a.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE, "p1/other/a.mp3"), 0);
+  EXPECT_TRUE(handle("p1/Media/a.mp3", FS_CHANGE_MOVED | FS_CHANGE_FILE, "p1/other/a.mp3").ok());
   EXPECT_EQ(getTag(at("p1/Media/a.mp3"), ".s.hash"), "7");
   EXPECT_EQ(storage_.events, (Paths{at("p1/Media"), at("p1/other")}));
   for (const char* f : {"p1/other/d/x.mp3", "p1/other/d/e/y.mp3", "p1/other/dd/z.mp3"}) notice(f, kWrittenFile);

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "common/file_descriptor.h"
-#include "common/fs_error.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/wait_for.h"
@@ -31,7 +30,7 @@ using Paths = std::vector<std::string>;
 
 class WatchTest : public test::SandboxTest {
  protected:
-  void SetUp() override { test::resetFaults(); ASSERT_EQ(table_.fsInitWatch(), kFsOk); }
+  void SetUp() override { test::resetFaults(); ASSERT_TRUE(table_.fsInitWatch().ok()); }
   std::string at(const std::string& relative) const { return sandbox_ / relative; }
   void mkdirs(std::initializer_list<const char*> dirs) { for (const char* dir : dirs) sandbox_.mkdirs(dir); }
   int wd(const std::string& relative) { return table_.descriptorOf(at(relative).c_str()); }
@@ -53,11 +52,11 @@ class WatchTest : public test::SandboxTest {
 TEST_F(WatchTest, TreeAddWatchesEveryVisibleDirectoryOnceFindsItByPathAndRemovesIt) {
   mkdirs({"m/Artist/Album", "m/Artist/Other", "m/.kord/meta", "m/.hidden"});
   sandbox_.write("m/Artist/song.mp3");
-  ASSERT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsOk);
+  ASSERT_TRUE(table_.fsAddWatchTree(at("m").c_str(), true).ok());
   const Paths all{at("m"), at("m/Artist"), at("m/Artist/Album"), at("m/Artist/Other")};
   EXPECT_EQ(watched(), all);
   const int calls = test::callCount(test::Call::kInotifyAddWatch);
-  EXPECT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsOk);
+  EXPECT_TRUE(table_.fsAddWatchTree(at("m").c_str(), true).ok());
   EXPECT_EQ(test::callCount(test::Call::kInotifyAddWatch), calls) << "a known directory was watched again";
   EXPECT_EQ(table_.indexedDescriptors().size(), all.size());
   // A trailing '/' is the same directory, a mere prefix is not, an ancestor has no watch.
@@ -70,17 +69,17 @@ TEST_F(WatchTest, TreeAddWatchesEveryVisibleDirectoryOnceFindsItByPathAndRemoves
   EXPECT_EQ(nextEventDescriptor(), album);
   // A removal takes the subtree out of the table, the index and the kernel.
   const int artist = wd("m/Artist");
-  EXPECT_EQ(table_.fsRemoveWatch(at("m/Artist").c_str()), kFsOk);
+  EXPECT_TRUE(table_.fsRemoveWatch(at("m/Artist").c_str()).ok());
   EXPECT_EQ(watched(), Paths{at("m")});
   EXPECT_EQ(std::ranges::count_if(table_.indexedDescriptors(), [&](int d) { return d == artist || d == album; }), 0);
   EXPECT_EQ(nextEventDescriptor(), artist);  // IN_IGNORED
-  EXPECT_EQ(table_.fsRemoveWatch(at("m/Artist").c_str()), kFsErrInvalid);
+  EXPECT_EQ(table_.fsRemoveWatch(at("m/Artist").c_str()).code(), ENOENT);
 }
 
 TEST_F(WatchTest, OutOfWatchesStopsTheTreeAndKeepsWhatIsWatched) {
   mkdirs({"m/a/a1", "m/b/b1", "m/c", "n/x"});
   test::ScopedFault fault(test::Call::kInotifyAddWatch, ENOSPC, -1, 3);  // the root and two more succeed
-  EXPECT_EQ(table_.fsAddWatchTree(at("m").c_str(), true), kFsErrSystem);
+  EXPECT_EQ(table_.fsAddWatchTree(at("m").c_str(), true).code(), ENOSPC);
   EXPECT_EQ(table_.watchedPaths().size(), 3u);
   sandbox_.write("m/file");
   EXPECT_EQ(nextEventDescriptor(), wd("m"));
@@ -130,7 +129,7 @@ TEST_F(WatcherTest, RemovalDropsAQueuedAddAndStopEmptiesTheQueueAndEndsTheThread
   EXPECT_EQ(queue_.queued().size(), 1u);
   queue_.fsStopWatcher();
   EXPECT_TRUE(queue_.queued().empty());
-  EXPECT_EQ(table_.fsAddWatch(at("p").c_str()), kFsStopped);  // until an add finishes
+  EXPECT_TRUE(table_.fsAddWatch(at("p").c_str()).isStopped());  // until an add finishes
   queue_.finishAdd();
   std::atomic<bool> ended{false};
   std::thread thread([&] { watcher_.run(), ended = true; });
@@ -146,12 +145,12 @@ TEST_F(WatcherTest, RemovalDropsAQueuedAddAndStopEmptiesTheQueueAndEndsTheThread
 // Each notice as "<change> file|dir <path>[ from <old path>]", relative to the tree.
 struct RecordingNotices : ChangeNotices {
   explicit RecordingNotices(std::string root) : tree(std::move(root) + "/") {}
-  int fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) override {
+  Status fsHandleChange(const char* path, const char* old_path, std::uint32_t flags) override {
     std::string n = flags & FS_CHANGE_CREATED ? "created " : flags & FS_CHANGE_WRITTEN ? "written "
                     : flags & FS_CHANGE_DELETED ? "deleted " : "moved ";
     n += (flags & FS_CHANGE_DIR ? "dir " : flags & FS_CHANGE_FILE ? "file " : "") + relative(path);
     notices.push_back(old_path ? n + " from " + relative(old_path) : n);
-    return 0;
+    return Status();
   }
   void fsFlushChanges() override { ++flushes; }
   std::string relative(const std::string& p) const { return p.substr(p.rfind(tree, 0) == 0 ? tree.size() : 0); }
@@ -165,7 +164,7 @@ class EventLoopTest : public WatchTest {
   void SetUp() override {
     WatchTest::SetUp();
     mkdirs({"w/x", "w/y", "w/d/sub", "outside/in/deeper", "outside/in/.hidden"});
-    ASSERT_EQ(table_.fsAddWatchTree(at("w").c_str(), true), kFsOk);
+    ASSERT_TRUE(table_.fsAddWatchTree(at("w").c_str(), true).ok());
   }
   void rename(const char* from, const char* to) { ASSERT_EQ(::rename(at(from).c_str(), at(to).c_str()), 0) << from; }
   template <typename Pred>
@@ -186,7 +185,7 @@ class EventLoopTest : public WatchTest {
   RecordingNotices notices_{at("w")};
   std::time_t now_ = 1700000000;
   int markers_ = 0;
-  Pipe termination_ = [] { Pipe pipe; EXPECT_EQ(pipe.open(O_NONBLOCK), 0); return pipe; }();
+  Pipe termination_ = [] { Pipe pipe; EXPECT_TRUE(pipe.open(O_NONBLOCK).ok()); return pipe; }();
   WatchEventLoop loop_{table_, &notices_, termination_.read_end.get(), nullptr, running_, [this] { return now_; }, 20};
 };
 
