@@ -89,7 +89,7 @@ void ProfilerRun::run(const std::string& path, bool recursive) {
   // directories tagged while a profiler runs use the same answer.
   managed_ = storage_.managedPartitionPath();
   run_path_ = path;
-  state_.setScanningPath(path);
+  if (!state_.setScanningPath(path)) return;
   tag(path, recursive);
   if (stopped()) return;
   // Another pass, with the next run number, for the types whose batches had

@@ -106,7 +106,22 @@ std::optional<ScanRequest> ScanQueue::take(bool block) {
     ordinary_.clear();
     return std::nullopt;
   }
+  if (request) {
+    taken_ = request->path;
+    taken_withdrawn_ = false;
+  }
   return request;
+}
+
+bool ScanQueue::takenWithdrawn() const {
+  MutexLock lock(mutex_);
+  return taken_withdrawn_;
+}
+
+void ScanQueue::finishTaken() {
+  MutexLock lock(mutex_);
+  taken_.reset();
+  taken_withdrawn_ = false;
 }
 
 std::optional<ScanRequest> ScanQueue::takeChangedDirectory() {
@@ -123,6 +138,7 @@ void ScanQueue::removeUnder(const std::string& prefix) {
   };
   priority_.remove_if(under);
   ordinary_.remove_if(under);
+  if (taken_ && fsPathIsUnder(prefix.c_str(), taken_->c_str())) taken_withdrawn_ = true;
 }
 
 void ScanQueue::clear() {

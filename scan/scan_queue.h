@@ -63,8 +63,15 @@ class ScanQueue final : public ScanRequests {
   void drainWakeups();
 
   // Drops every waiting request whose path is prefix or lies below it
-  // (prefix followed by '/'); "" drops every request.
+  // (prefix followed by '/'); "" drops every request. The request that take()
+  // returned last counts as withdrawn when it lies there too, until the
+  // scanner has finished with it.
   void removeUnder(const std::string& prefix) EXCLUDES(mutex_);
+
+  // Scanner thread: whether a removeUnder has withdrawn the request taken
+  // last; and that the scanner is done with it.
+  bool takenWithdrawn() const EXCLUDES(mutex_);
+  void finishTaken() EXCLUDES(mutex_);
 
   // Drops every waiting request. The busy state is left as it is: the next
   // take reports the queue empty.
@@ -90,6 +97,9 @@ class ScanQueue final : public ScanRequests {
   std::list<ScanRequest> ordinary_ GUARDED_BY(mutex_);
   // Set when "work pending" was reported and "idle" not yet.
   bool busy_ GUARDED_BY(mutex_) = false;
+  // The path of the request take() returned last, until finishTaken().
+  std::optional<std::string> taken_ GUARDED_BY(mutex_);
+  bool taken_withdrawn_ GUARDED_BY(mutex_) = false;
   // Non-blocking both ways; a full pipe already says what a byte would.
   Pipe wakeup_pipe_;
 };

@@ -55,7 +55,7 @@ void ScannerState::waitIdle() {
   });
 }
 
-void ScannerState::reset() {
+void ScannerState::resetFlags() {
   MutexLock lock(mutex_);
   abort_.store(0);
   std::atomic_ref<int>(cleanup_stop_).store(0);
@@ -65,20 +65,37 @@ void ScannerState::reset() {
   idle_.notifyAll();
 }
 
+void ScannerState::reset() {
+  resetFlags();
+  queue_.finishTaken();
+}
+
 void ScannerState::scannerEnded() {
   MutexLock lock(mutex_);
   ended_ = true;
   idle_.notifyAll();
 }
 
-void ScannerState::setScanningPath(const std::string& path) {
+bool ScannerState::setScanningPath(const std::string& path) {
+  {
+    MutexLock lock(mutex_);
+    scanning_path_ = path;
+  }
+  if (!queue_.takenWithdrawn()) return true;
   MutexLock lock(mutex_);
-  scanning_path_ = path;
+  abort_.store(1);
+  return false;
 }
 
-void ScannerState::setCleanupPath(const std::string& path) {
+bool ScannerState::setCleanupPath(const std::string& path) {
+  {
+    MutexLock lock(mutex_);
+    cleanup_path_ = path;
+  }
+  if (!queue_.takenWithdrawn()) return true;
   MutexLock lock(mutex_);
-  cleanup_path_ = path;
+  raiseCleanupStop();
+  return false;
 }
 
 bool ScannerState::setProfilerPid(pid_t pid) {

@@ -54,15 +54,20 @@ class ScannerState final : public ScannerControl {
 
   // --- scanner thread ---
 
-  // Back to idle: clears both flags, the paths and the profiler pid and wakes
-  // every waitIdle.
+  // Back to idle: clears both flags, the paths and the profiler pid, wakes
+  // every waitIdle and ends the queue's hold on the request taken.
   void reset() EXCLUDES(mutex_);
   // The scanner thread has ended (or never ran): nothing will reset again, so
   // waitIdle no longer waits.
   void scannerEnded() EXCLUDES(mutex_);
 
-  void setScanningPath(const std::string& path) EXCLUDES(mutex_);
-  void setCleanupPath(const std::string& path) EXCLUDES(mutex_);
+  // Publish the scan or cleanup of the request just taken, so that a stop
+  // finds it. False, with the abort (or cleanup stop) raised, when a stop
+  // withdrew the request between its take and this call: the work is not
+  // to begin. Published first and asked after, so that a stop either finds
+  // the path or has withdrawn the request before the question.
+  [[nodiscard]] bool setScanningPath(const std::string& path) EXCLUDES(mutex_);
+  [[nodiscard]] bool setCleanupPath(const std::string& path) EXCLUDES(mutex_);
 
   // Publishes a started profiler so that a stop can kill it. When a stop came
   // while it was being started, it is killed at once. Returns false then.
@@ -86,6 +91,7 @@ class ScannerState final : public ScannerControl {
   bool busy() const EXCLUDES(mutex_);
 
  private:
+  void resetFlags() EXCLUDES(mutex_);
   void killProfiler() REQUIRES(mutex_);
   void raiseCleanupStop() REQUIRES(mutex_);
 

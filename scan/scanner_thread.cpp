@@ -55,7 +55,9 @@ void ScannerThread::step() {
       case kScanRuleDirectory:
       case kScanForcedRescan:
         profiler_.run(request->path, true);
-        reports_.reportPartitionScanned(request->path);
+        // A stopped scan leaves its partition to be scanned again: the
+        // metadata disk it was for may be gone, and a new one chosen.
+        if (!state_.aborted()) reports_.reportPartitionScanned(request->path);
         break;
       case kScanStorageRoot:
         cleanup(request->path);
@@ -133,7 +135,7 @@ void ScannerThread::releaseTagStoreIfAsked() {
 }
 
 void ScannerThread::cleanup(const std::string& path) {
-  state_.setCleanupPath(path);
+  if (!state_.setCleanupPath(path)) return;
   int result;
   {
     Tagger::CleanupScope scope(tagger_);

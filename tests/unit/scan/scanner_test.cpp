@@ -237,12 +237,34 @@ TEST_F(ScannerTest, StopBelowKillsTheProfilerAndReturnsOnceTheScannerIsIdle) {
   state_.stopBelow(at("p1"));
   EXPECT_FALSE(state_.busy());
   EXPECT_EQ(::kill(profiler, 0), -1);  // killed and reaped
+  EXPECT_THAT(reports_.reports(), ::testing::Not(::testing::Contains(at("p1"))));  // to be scanned again
   EXPECT_EQ(getTag(film, kTagBatchIndex), "0");
   EXPECT_TRUE(pending(film));
   EXPECT_TRUE(pending(song));
   EXPECT_EQ(logOf("aprof"), "");
   EXPECT_EQ(typeRecord("STDVIDEO").pending_count, 0);  // the stopped type
   EXPECT_EQ(typeRecord("STDAUDIO").pending_count, 1);  // the one not reached
+}
+
+// A stop that comes between the take of a request and its publication withdraws it: nothing is walked.
+TEST_F(ScannerTest, AStopBetweenTheTakeAndThePublicationWithdrawsTheRequest) {
+  for (const bool withdrawn : {false, true}) {
+    queue_.enqueue(at("p1"), kScanRuleDirectory);
+    const std::optional<ScanRequest> taken = queue_.take(false);
+    ASSERT_TRUE(taken);
+    state_.stopBelow(withdrawn ? at("p1") : at("p2"));  // nothing published: returns at once
+    EXPECT_EQ(state_.setScanningPath(taken->path), !withdrawn);
+    EXPECT_EQ(state_.aborted(), withdrawn);
+    state_.reset();
+  }
+  queue_.enqueue(root(), kScanStorageRoot);
+  const std::optional<ScanRequest> cleanup = queue_.take(false);
+  state_.stopAll();
+  EXPECT_FALSE(state_.setCleanupPath(cleanup->path));
+  state_.reset();
+  queue_.enqueue(at("p1"), kScanRuleDirectory);  // queued after the stop: scanned
+  EXPECT_TRUE(state_.setScanningPath(queue_.take(false)->path));
+  state_.reset();
 }
 
 // A profiler over its time limit is killed and its batch marked (its child: the profiler scenarios).
@@ -291,12 +313,12 @@ TEST(ScannerStateTest, StopWaitsUntilTheScannerHasEnded) {
     ScannerState state{queue};
   };
   auto* w = new World;  // left to a stop that never returns
-  w->state.setScanningPath("/x");
+  (void)w->state.setScanningPath("/x");
   std::thread([w] { w->state.stopScanner(); ++w->stops; }).detach();
   EXPECT_FALSE(test::waitFor([&] { return w->stops == 1; }, std::chrono::milliseconds(100)));
   w->state.scannerEnded();
   ASSERT_TRUE(test::waitFor([&] { return w->stops == 1; }));
-  w->state.setScanningPath("/x");
+  (void)w->state.setScanningPath("/x");
   std::thread([w] { w->state.stopAll(); ++w->stops; }).detach();
   ASSERT_TRUE(test::waitFor([&] { return w->stops == 2; }));
   delete w;
