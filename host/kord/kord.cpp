@@ -28,7 +28,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -40,6 +39,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
 #include "host/kord/condition.h"
 #include "host/kord/configuration.h"
 #include "host/kord/failure.h"
@@ -52,16 +53,29 @@ namespace zibd::kord {
 using Clock = std::chrono::steady_clock;
 
 // What a bulk handle holds. Shared with the library's list of open groups,
-// which may flush it from another thread: everything here is guarded by
-// `mutex`, which every call on the handle holds.
+// which may flush it from another thread: every call on the handle holds
+// `mutex`.
+//
+// The locks of this file, in the order they are taken (clang sees no two of
+// them taken in one function, so the order is kept by review and by the tests
+// under ThreadSanitizer):
+//  - a handle's `mutex`, then Groups::mutex_, never the other way round: a
+//    flusher copies the list of open groups and lets go of mutex_ before it
+//    locks a handle. No two handles' mutexes are held together.
+//  - a handle's `mutex` or Library::shared_mutex_, then (briefly) the
+//    Configuration's own mutex.
+//  - Library::shared_mutex_ is taken holding neither of the others:
+//    withShared ends the groups of this process's handles first.
 struct HandleState {
-  std::mutex mutex;
-  std::string path;  // empty: nothing selected
-  std::unique_ptr<Store> store;
-  bool flush_requested = false;  // flush at the next commit
-  Clock::time_point group_deadline;
-  Clock::time_point ungrouped_until;  // commits are written one by one until then
-  std::string lost;  // why a group flushed from outside failed; told at the next commit
+  Mutex mutex;
+  std::string path GUARDED_BY(mutex);  // empty: nothing selected
+  std::unique_ptr<Store> store GUARDED_BY(mutex) PT_GUARDED_BY(mutex);
+  bool flush_requested GUARDED_BY(mutex) = false;  // flush at the next commit
+  Clock::time_point group_deadline GUARDED_BY(mutex);
+  // Commits are written one by one until then.
+  Clock::time_point ungrouped_until GUARDED_BY(mutex);
+  // Why a group flushed from outside failed; told at the next commit.
+  std::string lost GUARDED_BY(mutex);
 };
 
 }  // namespace zibd::kord
@@ -92,8 +106,8 @@ thread_local Error t_last_error;
 
 // Ends the handle's group. A handle in the middle of a file gets its changes
 // made again after the group, and commits them at once at its next commit
-// (it holds the write lock again meanwhile). The caller holds state.mutex.
-void flushHandle(HandleState& state) noexcept {
+// (it holds the write lock again meanwhile).
+void flushHandle(HandleState& state) noexcept REQUIRES(state.mutex) {
   if (!state.store || state.store->groupCommits() == 0) return;
   state.flush_requested = state.store->changedSinceCommit();
   state.ungrouped_until = Clock::now() + kUngroupedPause;
@@ -108,13 +122,13 @@ void flushHandle(HandleState& state) noexcept {
 }
 
 // The handles with an open group, and the thread that ends groups whose
-// window has passed. Lock order: a handle's mutex before mutex_, never the
-// other way round (flushers copy the list and let go of mutex_ first).
+// window has passed.
 class Groups {
  public:
-  // Registers a handle whose group just opened. Takes mutex_.
-  void opened(const std::shared_ptr<HandleState>& state, Clock::time_point deadline) {
-    std::lock_guard lock(mutex_);
+  // Registers a handle whose group just opened.
+  void opened(const std::shared_ptr<HandleState>& state, Clock::time_point deadline)
+      EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     for (const Entry& e : open_) {
       if (e.state == state) return;
     }
@@ -136,11 +150,11 @@ class Groups {
       }
       ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
     }
-    if (open_.size() == 1) wake_->notify_one();
+    if (open_.size() == 1) wake_->notifyOne();
   }
 
-  void closed(const HandleState* state) {
-    std::lock_guard lock(mutex_);
+  void closed(const HandleState* state) EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     open_.erase(std::remove_if(open_.begin(), open_.end(),
                                [&](const Entry& e) { return e.state.get() == state; }),
                 open_.end());
@@ -163,12 +177,12 @@ class Groups {
 
   // Ends every open group but self's, so that what they committed is seen
   // (and their write lock is free). Called holding no handle's mutex.
-  void flushAllBut(const HandleState* self) {
+  void flushAllBut(const HandleState* self) EXCLUDES(mutex_) {
     int open = count_.load(std::memory_order_acquire);
     if (open == 0 || (open == 1 && self && isOnlyOpen(self))) return;
     std::vector<std::shared_ptr<HandleState>> others;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       for (const Entry& e : open_) {
         if (e.state.get() != self) others.push_back(e.state);
       }
@@ -186,25 +200,25 @@ class Groups {
 
   // Under the handle's mutex, so that a group the handle opens meanwhile is
   // not forgotten.
-  void flushAndForget(HandleState& state) {
-    std::lock_guard lock(state.mutex);
+  void flushAndForget(HandleState& state) EXCLUDES(mutex_, state.mutex) {
+    MutexLock lock(state.mutex);
     flushHandle(state);
     closed(&state);
   }
 
-  bool isOnlyOpen(const HandleState* self) {
-    std::lock_guard lock(mutex_);
+  bool isOnlyOpen(const HandleState* self) EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     return open_.size() == 1 && open_.front().state.get() == self;
   }
 
   // Sleeps in nanosleep and waits for work untimed, so that a sped-up clock
   // (libfaketime in system tests) speeds it too.
-  [[noreturn]] void flusherLoop() noexcept {
+  [[noreturn]] void flusherLoop() noexcept EXCLUDES(mutex_) {
     for (;;) {
       std::vector<std::shared_ptr<HandleState>> due;
       Clock::duration sleep{};
       {
-        std::unique_lock lock(mutex_);
+        MutexLock lock(mutex_);
         while (open_.empty()) wake_->wait(lock);
         const Clock::time_point now = Clock::now();
         Clock::time_point earliest = Clock::time_point::max();
@@ -232,18 +246,20 @@ class Groups {
   }
 
   // A forked child has no flusher thread and none of the parent's groups.
+  // mutex_ is held across fork(): forkPrepare takes it, forkParent and
+  // forkChild let go of it.
   static void forkPrepare();
   static void forkParent();
   static void forkChild();
 
-  std::mutex mutex_;
+  Mutex mutex_;  // lock order: see HandleState
   // Replaced in a forked child, where the parent's flusher still counts as its
   // waiter.
-  std::unique_ptr<std::condition_variable> wake_ = std::make_unique<std::condition_variable>();
-  std::vector<Entry> open_;
-  std::atomic<int> count_{0};
+  std::unique_ptr<CondVar> wake_ GUARDED_BY(mutex_) = std::make_unique<CondVar>();
+  std::vector<Entry> open_ GUARDED_BY(mutex_);
+  std::atomic<int> count_{0};  // open_.size(), read without the lock
   std::atomic<int> waiting_{0};
-  bool flusher_running_ = false;
+  bool flusher_running_ GUARDED_BY(mutex_) = false;
 };
 
 class Library {
@@ -251,14 +267,13 @@ class Library {
   Configuration& configuration() { return configuration_; }
   Groups& groups() { return groups_; }
 
-  // Runs fn on the shared connection, (re)opened for the current location.
-  // Ends the groups of this process's handles first, then takes
-  // shared_mutex_, then (briefly) the Configuration's own mutex.
+  // Runs fn on the shared connection, (re)opened for the current location,
+  // with shared_mutex_ held. Ends the groups of this process's handles first.
   template <typename Fn>
-  auto withShared(Fn&& fn) {
+  auto withShared(Fn&& fn) EXCLUDES(shared_mutex_) {
     Groups::Waiting waiting(groups_);
     groups_.flushAllBut(nullptr);
-    std::lock_guard lock(shared_mutex_);
+    MutexLock lock(shared_mutex_);
     std::shared_ptr<const Location> location = configuration_.current();
     if (!location->configured) {
       shared_.reset();  // the disk it was on may be about to go
@@ -273,16 +288,17 @@ class Library {
 
   // Closes the shared connection when the configuration names no database
   // any more, so that the disk the database was on can be unmounted.
-  void closeSharedIfUnconfigured() {
-    std::lock_guard lock(shared_mutex_);
+  void closeSharedIfUnconfigured() EXCLUDES(shared_mutex_) {
+    MutexLock lock(shared_mutex_);
     if (shared_ && !configuration_.current()->configured) shared_.reset();
   }
 
  private:
   Configuration configuration_;  // thread-safe on its own
   Groups groups_;
-  std::mutex shared_mutex_;  // guards shared_ and every use of the Store in it
-  std::unique_ptr<Store> shared_;
+  Mutex shared_mutex_;  // lock order: see HandleState
+  // Used only under shared_mutex_, the Store as much as the pointer.
+  std::unique_ptr<Store> shared_ GUARDED_BY(shared_mutex_) PT_GUARDED_BY(shared_mutex_);
 };
 
 // Never destroyed: threads of the daemon may still call in while the process
@@ -292,17 +308,24 @@ Library& library() {
   return *instance;
 }
 
-void Groups::forkPrepare() { library().groups().mutex_.lock(); }
-void Groups::forkParent() { library().groups().mutex_.unlock(); }
+// Returns holding mutex_, which the analysis cannot follow into the handler
+// that lets go of it after the fork.
+void Groups::forkPrepare() NO_THREAD_SAFETY_ANALYSIS { library().groups().mutex_.lock(); }
+void Groups::forkParent() {
+  Groups& g = library().groups();
+  g.mutex_.assertHeld();  // by forkPrepare
+  g.mutex_.unlock();
+}
 void Groups::forkChild() {
   Groups& g = library().groups();
+  g.mutex_.assertHeld();  // by forkPrepare, before the fork
   // The parent's handles are the parent's: the child never commits them.
   static auto* kept = new std::vector<std::shared_ptr<HandleState>>;
   for (Entry& e : g.open_) kept->push_back(std::move(e.state));
   g.open_.clear();
-  static auto* old_wakes = new std::vector<std::condition_variable*>;
+  static auto* old_wakes = new std::vector<CondVar*>;
   old_wakes->push_back(g.wake_.release());  // never touched again
-  g.wake_ = std::make_unique<std::condition_variable>();
+  g.wake_ = std::make_unique<CondVar>();
   g.count_.store(0);
   g.flusher_running_ = false;
   g.mutex_.unlock();
@@ -387,9 +410,8 @@ std::string_view canonicalPath(const char* path) {
 }
 
 // Closes a handle's connection: grouped commits go to the database they were
-// made for; changes not committed yet go with the connection. The caller
-// holds state.mutex.
-void closeStore(HandleState& state) {
+// made for; changes not committed yet go with the connection.
+void closeStore(HandleState& state) REQUIRES(state.mutex) {
   if (!state.store) return;
   try {
     state.store->flushGroup(false);
@@ -401,29 +423,95 @@ void closeStore(HandleState& state) {
 }
 
 // A call on a handle: the other handles' groups are ended first, then the
-// handle is locked for the call. A call that writes counts as a waiting
-// writer (Groups::Waiting) while it runs.
-class HandleCall {
+// handle is locked for the call (state().mutex, held until the call ends). A
+// call that writes counts as a waiting writer (Groups::Waiting) while it runs.
+class SCOPED_CAPABILITY HandleCall {
  public:
-  explicit HandleCall(kord_bulk_t* handle, bool writes = false) {
-    requireArgument(handle, "handle");
+  explicit HandleCall(kord_bulk_t* handle, bool writes = false) ACQUIRE(state().mutex)
+      : state_(stateOf(handle)) {
     if (writes) waiting_.emplace(library().groups());
-    library().groups().flushAllBut(handle->state.get());
-    state_ = handle->state.get();
-    lock_ = std::unique_lock(state_->mutex);
+    library().groups().flushAllBut(&state_);
+    lock_.emplace(state_.mutex);
   }
-  HandleState& state() { return *state_; }
+  ~HandleCall() RELEASE() {}
+  HandleCall(const HandleCall&) = delete;
+  HandleCall& operator=(const HandleCall&) = delete;
+
+  HandleState& state() { return state_; }
   // The handle's store, with a path selected.
-  Store& selected() {
-    if (state_->path.empty()) fail(Status::kBadArgument, "no path selected");
-    return *state_->store;
+  Store& selected() REQUIRES(state().mutex) {
+    if (state().path.empty()) fail(Status::kBadArgument, "no path selected");
+    return *state().store;
   }
 
  private:
+  static HandleState& stateOf(kord_bulk_t* handle) {
+    requireArgument(handle, "handle");
+    return *handle->state;
+  }
+
+  HandleState& state_;
   std::optional<Groups::Waiting> waiting_;  // destroyed after the lock is let go
-  HandleState* state_;
-  std::unique_lock<std::mutex> lock_;
+  std::optional<MutexLock> lock_;
 };
+
+// kord_bulk_setpath on its locked handle.
+void selectPath(HandleState& state, const char* path) REQUIRES(state.mutex) {
+  state.path.clear();  // a failed selection selects nothing
+  std::string_view canonical = canonicalPath(path);
+  auto location = library().configuration().current();
+  if (!location->configured) {
+    // The connection goes with the database it was on.
+    closeStore(state);
+    fail(Status::kNoDatabase, location->problem);
+  }
+  if (!isBelow(canonical, location->root))
+    fail(Status::kBadArgument,
+         std::string(canonical) + " is not below the database root " + location->root);
+  if (!state.store || state.store->location().generation != location->generation) {
+    closeStore(state);
+    state.store = std::make_unique<Store>(std::move(location));
+  }
+  state.path.assign(canonical);  // reuses the handle's buffer
+}
+
+// kord_bulk_commit on its locked handle; shared is the handle's own pointer to
+// its state, which an opened group is listed by.
+void commitHandle(HandleState& state, const std::shared_ptr<HandleState>& shared)
+    REQUIRES(state.mutex) {
+  if (!state.lost.empty()) {
+    std::string lost = std::move(state.lost);
+    state.lost.clear();
+    fail(Status::kFailed, "grouped commits were lost: " + lost);
+  }
+  if (!state.store) return;
+  const int before = state.store->groupCommits();
+  const auto now = Clock::now();
+  // A commit with nothing new asks for what the group holds to be written
+  // now, so that a write that fails is told to this caller.
+  const bool flush = state.flush_requested || before + 1 >= kGroupCommits ||
+                     (before > 0 && now >= state.group_deadline) ||
+                     (before > 0 && !state.store->changedSinceCommit()) ||
+                     (before == 0 && now < state.ungrouped_until) ||
+                     library().groups().writerWaiting();
+  bool open;
+  try {
+    open = state.store->commit(!flush);
+  } catch (...) {
+    if (before > 0) library().groups().closed(&state);
+    throw;
+  }
+  if (open && before == 0) {
+    state.group_deadline = now + kGroupWindow;
+    library().groups().opened(shared, state.group_deadline);
+  } else if (!open) {
+    state.flush_requested = false;
+    if (before > 0) {
+      state.ungrouped_until = now + kUngroupedPause;
+      library().groups().closed(&state);
+    }
+  }
+}
 
 }  // namespace
 
@@ -495,23 +583,7 @@ extern "C" kord_bulk_t* kord_bulk_init(void) {
 extern "C" int kord_bulk_setpath(kord_bulk_t* handle, const char* path) {
   return guarded([&] {
     zibd::kord::HandleCall call(handle);
-    zibd::kord::HandleState& state = call.state();
-    state.path.clear();  // a failed selection selects nothing
-    std::string_view canonical = zibd::kord::canonicalPath(path);
-    auto location = library().configuration().current();
-    if (!location->configured) {
-      // The connection goes with the database it was on.
-      zibd::kord::closeStore(state);
-      fail(Status::kNoDatabase, location->problem);
-    }
-    if (!zibd::kord::isBelow(canonical, location->root))
-      fail(Status::kBadArgument,
-           std::string(canonical) + " is not below the database root " + location->root);
-    if (!state.store || state.store->location().generation != location->generation) {
-      zibd::kord::closeStore(state);
-      state.store = std::make_unique<Store>(std::move(location));
-    }
-    state.path.assign(canonical);  // reuses the handle's buffer
+    zibd::kord::selectPath(call.state(), path);
     return 0;
   });
 }
@@ -565,39 +637,7 @@ extern "C" int kord_bulk_deltag(kord_bulk_t* handle, const char* name) {
 extern "C" int kord_bulk_commit(kord_bulk_t* handle) {
   return guarded([&] {
     zibd::kord::HandleCall call(handle);
-    zibd::kord::HandleState& state = call.state();
-    if (!state.lost.empty()) {
-      std::string lost = std::move(state.lost);
-      state.lost.clear();
-      fail(Status::kFailed, "grouped commits were lost: " + lost);
-    }
-    if (!state.store) return 0;
-    const int before = state.store->groupCommits();
-    const auto now = zibd::kord::Clock::now();
-    // A commit with nothing new asks for what the group holds to be written
-    // now, so that a write that fails is told to this caller.
-    const bool flush = state.flush_requested || before + 1 >= zibd::kord::kGroupCommits ||
-                       (before > 0 && now >= state.group_deadline) ||
-                       (before > 0 && !state.store->changedSinceCommit()) ||
-                       (before == 0 && now < state.ungrouped_until) ||
-                       library().groups().writerWaiting();
-    bool open;
-    try {
-      open = state.store->commit(!flush);
-    } catch (...) {
-      if (before > 0) library().groups().closed(&state);
-      throw;
-    }
-    if (open && before == 0) {
-      state.group_deadline = now + zibd::kord::kGroupWindow;
-      library().groups().opened(handle->state, state.group_deadline);
-    } else if (!open) {
-      state.flush_requested = false;
-      if (before > 0) {
-        state.ungrouped_until = now + zibd::kord::kUngroupedPause;
-        library().groups().closed(&state);
-      }
-    }
+    zibd::kord::commitHandle(call.state(), handle->state);
     return 0;
   });
 }
@@ -606,7 +646,7 @@ extern "C" void kord_bulk_fini(kord_bulk_t* handle) {
   if (!handle) return;
   zibd::kord::HandleState& state = *handle->state;
   {
-    std::lock_guard lock(state.mutex);
+    zibd::MutexLock lock(state.mutex);
     if (state.store) {
       // What was committed is written; what was not is discarded.
       try {
