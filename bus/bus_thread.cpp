@@ -169,7 +169,7 @@ bool BusThread::takeMessages(bool* stop) {
   return pending >= 0;
 }
 
-bool BusThread::readAll(const char* path, rill_reply_fn collector, std::vector<std::string>* paths) {
+Status BusThread::readAll(const char* path, rill_reply_fn collector, std::vector<std::string>* paths) {
   const int result = retryBusCall([&] {
     paths->clear();
     rill_ccmd_t command{};
@@ -178,11 +178,12 @@ bool BusThread::readAll(const char* path, rill_reply_fn collector, std::vector<s
     rill_ccmd_cleanup(&command);
     return answer;
   });
-  if (result != 0) paths->clear();
-  return result == 0;
+  if (result == 0) return Status();
+  paths->clear();
+  return Status::error(EIO, std::string("read ") + path + ": bus result " + std::to_string(result));
 }
 
-bool BusThread::subscribe() {
+Status BusThread::subscribe() {
   static constexpr Subscription kSubscriptions[kSubscriptionCount] = {
       {"VFS.MetaDataService", "ForceRescan", RILL_SUBSCRIBE_VALUE},
       {"Storage.Disk", nullptr, RILL_SUBSCRIBE_OBJECTS},
@@ -222,7 +223,8 @@ bool BusThread::subscribe() {
     }
   }
   rill_ccmd_cleanup(&command);
-  return ok;
+  if (!ok) return Status::error(EIO, "subscribe");
+  return Status();
 }
 
 void BusThread::connect() {
@@ -235,13 +237,14 @@ void BusThread::connect() {
   storage_.setConnection(conn_);
   subscribed_ = false;
   std::vector<std::string> paths;
-  if (readAll("Storage.Disk", stObjectPathCollector, &paths))
+  if (readAll("Storage.Disk", stObjectPathCollector, &paths).ok())
     for (const std::string& path : paths) storage_.addDisk(path);
-  if (!readAll("Storage.*.Partition", stObjectPathCollector, &paths)) return endConnection();
+  if (!readAll("Storage.*.Partition", stObjectPathCollector, &paths).ok()) return endConnection();
   for (const std::string& path : paths) storage_.addPartition(path);
-  if (!readAll("ContentSharing.UPnPAV.IndexRules", stRuleCollector, &paths)) return endConnection();
-  for (const std::string& path : paths) rules_.readRule(conn_, path);
-  if (!subscribe()) return endConnection();
+  if (!readAll("ContentSharing.UPnPAV.IndexRules", stRuleCollector, &paths).ok()) return endConnection();
+  // A rule that cannot be read is left out, as one removed would be.
+  for (const std::string& path : paths) (void)rules_.readRule(conn_, path);
+  if (!subscribe().ok()) return endConnection();
   subscribed_ = true;
   socket_ = rill_getnotifylistensocket(conn_);
   if (socket_ == -1) return endConnection();

@@ -70,8 +70,8 @@ class BusThread {
   bool pause(std::chrono::milliseconds length);
   bool takeMessages(bool* stop);
   void connect();
-  bool readAll(const char* path, rill_reply_fn collector, std::vector<std::string>* paths);
-  bool subscribe();
+  Status readAll(const char* path, rill_reply_fn collector, std::vector<std::string>* paths);
+  Status subscribe();
   void loopOnce();
   void expire();
   void releaseConnection();

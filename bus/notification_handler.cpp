@@ -129,7 +129,7 @@ void NotificationHandler::indexRule(int type, const rill_cmddata_t* item) {
   const std::string& root = storage_.config().root;
   if (type == RILL_EVENT_OBJECT_ADDED) {
     if (!path) return;
-    rules_.readRule(storage_.connection(), *path);
+    (void)rules_.readRule(storage_.connection(), *path);
     if (auto rule = rules_.findRule(*path); rule && rule->path) scans_.enqueue(*rule->path, kScanRuleDirectory);
   } else if (type == RILL_EVENT_OBJECT_REMOVED) {
     if (!path) return;

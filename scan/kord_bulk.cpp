@@ -2,7 +2,7 @@
 
 namespace zibd {
 
-bool renewBulk(KordBulk& bulk) {
+Status renewBulk(KordBulk& bulk) {
   bool stored = true;
   if (bulk) {
     // Both are asked: the second one writes what the first may have left.
@@ -11,7 +11,8 @@ bool renewBulk(KordBulk& bulk) {
   }
   bulk.reset();
   bulk.reset(kord_bulk_init());
-  return stored;
+  if (!stored) return Status::error(EIO, "kord_bulk_commit");
+  return Status();
 }
 
 }  // namespace zibd

@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "common/status.h"
 #include "platform/kord.h"
 
 namespace zibd {
@@ -15,8 +16,8 @@ struct KordBulkCloser {
 using KordBulk = std::unique_ptr<kord_bulk_t, KordBulkCloser>;
 
 // Ends one phase of tag writing: commits the handle twice, closes it and opens
-// a fresh one (null when that fails). A null handle is only reopened. False
-// when a commit failed: what the phase wrote may be lost.
-bool renewBulk(KordBulk& bulk);
+// a fresh one (null when that fails). A null handle is only reopened. Fails
+// with EIO when a commit failed: what the phase wrote may be lost.
+Status renewBulk(KordBulk& bulk);
 
 }  // namespace zibd

@@ -110,8 +110,8 @@ void ProfilerRun::tag(const std::string& path, bool recursive) {
   // earlier scans left pending.
   (void)fsWalkTree(path.c_str(), {.file = [&](const char* file) { return tagger_.tagFile(file, visibility); }},
                    recursive);
-  const bool renewed = renewBulk(bulk_);
-  if (tagger_.takeCommitFailed() || !renewed) lost(path);
+  const Status renewed = renewBulk(bulk_);
+  if (tagger_.takeCommitFailed() || !renewed.ok()) lost(path);
 }
 
 void ProfilerRun::runBatches() {
@@ -145,7 +145,7 @@ void ProfilerRun::runBatch(FileTypeRecord& record, int batch) {
 
   if (!stopped()) runProfiler(record, view_path);
   if (!stopped()) markBatch(view_path);
-  if (!renewBulk(bulk_)) lost(run_path_);
+  if (!renewBulk(bulk_).ok()) lost(run_path_);
   (void)kord_view_delete(name);
 }
 

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <optional>
 
 #include "common/file_descriptor.h"
@@ -29,9 +30,10 @@ ScannerThread::ScannerThread(ScanQueue& queue, ScannerState& state, FileTypeMap&
 
 ScannerThread::~ScannerThread() { join(); }
 
-bool ScannerThread::open() {
+Status ScannerThread::open() {
   bulk_.reset(kord_bulk_init());
-  return bulk_ != nullptr;
+  if (!bulk_) return Status::error(EIO, "kord_bulk_init");
+  return Status();
 }
 
 void ScannerThread::step() {
@@ -40,7 +42,7 @@ void ScannerThread::step() {
   releaseTagStoreIfAsked();
   std::optional<ScanRequest> request = owed_.empty() ? queue_.take() : takeOrOwed();
   releaseTagStoreIfAsked();
-  if (request && !bulk_ && !open()) request.reset();  // no tag store now: the request is dropped
+  if (request && !bulk_ && !open().ok()) request.reset();  // no tag store now: the request is dropped
   if (request) {
     // Rule directories may be symbolic links that changed since the last
     // request.
@@ -150,7 +152,7 @@ void ScannerThread::run() noexcept {
   state_.reset();
   bool usable = false;
   try {
-    usable = bulk_ || open();
+    usable = bulk_ || open().ok();
   } catch (...) {
   }
   while (usable && running_.load() != 0) {

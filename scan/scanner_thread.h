@@ -56,9 +56,9 @@ class ScannerThread {
   ScannerThread(const ScannerThread&) = delete;
   ScannerThread& operator=(const ScannerThread&) = delete;
 
-  // Opens the tag-store handle. False when the tag store gives none: there is
-  // no scanner then, and run() ends at once.
-  bool open();
+  // Opens the tag-store handle. Fails with EIO when the tag store gives
+  // none: there is no scanner then, and run() ends at once.
+  Status open();
 
   // One pass: takes a request (blocking while the queue is empty and the
   // daemon runs, or until an owed scan is due), carries it out, and goes back

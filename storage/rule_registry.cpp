@@ -90,12 +90,14 @@ void RuleRegistry::resolveRulePaths() {
   }
 }
 
-int RuleRegistry::readRule(rill_conn_t* connection, const std::string& object_path) {
+Status RuleRegistry::readRule(rill_conn_t* connection, const std::string& object_path) {
   ReadContext context{this, &object_path};
   int error = 0;
-  return retryBusCall([&] {
+  const int result = retryBusCall([&] {
     return cs_find_parameters_of_obj_instances(connection, object_path.c_str(), 0, 2, ruleReader, &context, &error);
   });
+  if (result != 0) return Status::error(EIO, "read " + object_path + ": bus result " + std::to_string(result));
+  return Status();
 }
 
 void RuleRegistry::addRule(IndexRule rule) {

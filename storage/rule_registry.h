@@ -14,6 +14,7 @@
 #include <string>
 
 #include "common/mutex.h"
+#include "common/status.h"
 #include "platform/rill.h"
 #include "storage/index_rules.h"
 
@@ -41,8 +42,8 @@ class RuleRegistry final : public IndexRules {
   void resolveRulePaths() override EXCLUDES(mutex_);
 
   // Reads the rule at object_path from the bus and adds it; tried up to three
-  // times. Returns the last result of the read.
-  int readRule(rill_conn_t* connection, const std::string& object_path) EXCLUDES(mutex_);
+  // times. Fails with EIO when the last try did.
+  Status readRule(rill_conn_t* connection, const std::string& object_path) EXCLUDES(mutex_);
   // Builds the rule's path (when it has a uuid and a directory) and appends it.
   void addRule(IndexRule rule) EXCLUDES(mutex_);
   // A copy of the first rule whose object path is a prefix of text.

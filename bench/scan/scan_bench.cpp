@@ -220,7 +220,7 @@ Round measure(const Options& o, const std::string& self) {
   ScanQueue queue(storage, reports, running);
   ScannerState state(queue);
   ScannerThread scanner(queue, state, types, rules, storage, reports, running);
-  if (!scanner.open()) die("kord_bulk_init");
+  if (!scanner.open().ok()) die("kord_bulk_init");
   queue.enqueue(partition, kScanRuleDirectory);
   const double start = now(), start_cpu = cpu(), start_children = cpuOf(RUSAGE_CHILDREN);
   scanner.step();

@@ -26,7 +26,7 @@ constexpr char kLoggingProfiler[] =
 
 class ScannerTest : public test::ScanTest {
  protected:
-  void SetUp() override { ScanTest::SetUp(); ASSERT_TRUE(scanner_.open()); }
+  void SetUp() override { ScanTest::SetUp(); ASSERT_TRUE(scanner_.open().ok()); }
   void TearDown() override {
     running_ = 0;
     if (started_) { state_.stopScanner(); scanner_.join(); }
@@ -80,7 +80,7 @@ class ScannerTest : public test::ScanTest {
   // A scanner of its own, with another profiler time limit and rescan delay.
   std::unique_ptr<ScannerThread> scanner(std::chrono::milliseconds limit, std::chrono::milliseconds delay) {
     auto s = std::make_unique<ScannerThread>(queue_, state_, types_, rules_, storage_, reports_, running_, sandbox_ / "update", limit, delay);
-    return s->open() ? std::move(s) : nullptr;
+    return s->open().ok() ? std::move(s) : nullptr;
   }
 
   bool started_ = false;

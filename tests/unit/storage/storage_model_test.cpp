@@ -153,9 +153,9 @@ TEST_F(StorageTest, RulesAreReadFromTheBusResolvedThroughLinksAndCountOnlyStrict
               ".EnablePicture=0\n" + rule2 + ".Status=Down\n" + rule2 + ".EnableMovie=1\n");
   RuleRegistry rules(root_);
   connectModel();
-  ASSERT_EQ(rules.readRule(conn_, rule1), 0);
-  ASSERT_EQ(rules.readRule(conn_, rule2), 0);
-  rules.readRule(conn_, "ContentSharing.UPnPAV.IndexRules.9");  // missing: no record
+  ASSERT_TRUE(rules.readRule(conn_, rule1).ok());
+  ASSERT_TRUE(rules.readRule(conn_, rule2).ok());
+  (void)rules.readRule(conn_, "ContentSharing.UPnPAV.IndexRules.9");  // missing: no record
   EXPECT_FALSE(rules.findRule("ContentSharing.UPnPAV.IndexRules.9"));
   auto first = rules.findRule(rule1);
   ASSERT_TRUE(first);
