@@ -10,13 +10,9 @@
 
 namespace zibd {
 Status Daemon::startScanner() {
-  try {
-    scanner.start();
-  } catch (const std::system_error& e) {
-    return Status::error(e.code().value(), "start the scanner thread");
-  }
-  scanner_started = true;
-  return Status();
+  Status started = scanner.start();
+  scanner_started = started.ok();
+  return started;
 }
 
 void Daemon::wire() {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+#include <system_error>
 
 #include "common/file_descriptor.h"
 #include "common/walk.h"
@@ -169,8 +170,13 @@ void ScannerThread::run() noexcept {
   state_.scannerEnded();
 }
 
-void ScannerThread::start() {
-  thread_ = std::thread([this] { run(); });
+Status ScannerThread::start() {
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (const std::system_error& e) {
+    return Status::error(e.code().value(), "start the scanner thread");
+  }
+  return Status();
 }
 
 void ScannerThread::join() {

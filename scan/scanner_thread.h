@@ -73,9 +73,8 @@ class ScannerThread {
   // dropped.
   void run() noexcept;
 
-  // Starts run() on a thread of its own. Throws std::system_error when the
-  // thread cannot be made.
-  void start();
+  // Starts run() on a thread of its own.
+  Status start();
   void join();
 
  private:

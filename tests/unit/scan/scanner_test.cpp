@@ -228,7 +228,7 @@ TEST_F(ScannerTest, StopBelowKillsTheProfilerAndReturnsOnceTheScannerIsIdle) {
           script("hang", "echo $$ > \"$(dirname \"$0\")/pid\"\nexec sleep 600\n") + ":\n");
   const std::string film = media("p1/a.mkv"), song = media("p1/b.mp3");
   started_ = true;
-  scanner_.start();
+  ASSERT_TRUE(scanner_.start().ok());
   queue_.enqueue(at("p1"), kScanRuleDirectory);
   ASSERT_TRUE(test::waitFor([&] { return !sandbox_.read("pid").empty(); }, std::chrono::seconds(60)));
   const pid_t profiler = std::atoi(sandbox_.read("pid").c_str());
