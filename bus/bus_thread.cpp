@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "common/deadline.h"
+#include "common/start_thread.h"
 #include "platform/cs.h"
 #include "platform/kord.h"
 #include "platform/stage.h"
@@ -65,12 +65,7 @@ BusThread::~BusThread() {
 Status BusThread::start() {
   if (Status opened = pipe_.open(); !opened.ok()) return opened;
   if (cs_rill_init(15, 5, 4, 5, 500, 3072, 400, 500, 100, 500, 6) != 0) return Status::error(EIO, "cs_rill_init");
-  try {
-    thread_ = std::thread([this] { run(); });
-  } catch (const std::system_error& e) {
-    return Status::error(e.code().value(), "start the bus thread");
-  }
-  return Status();
+  return startThread(thread_, [this] { run(); }, "bus");
 }
 
 void BusThread::join() {

@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
+#include "common/start_thread.h"
 #include "frame/daemon_state.h"
 #include "watch/event_loop.h"
 
@@ -30,12 +30,7 @@ Status Daemon::startBus() {
 Status Daemon::initWatch() { return watch_table.fsInitWatch(); }
 
 Status Daemon::startWatcher() {
-  try {
-    watcher_thread = std::thread([this] { watcher.run(); });
-  } catch (const std::system_error& e) {
-    return Status::error(e.code().value(), "start the watcher thread");
-  }
-  return Status();
+  return startThread(watcher_thread, [this] { watcher.run(); }, "watcher");
 }
 
 void Daemon::runEventLoop() {

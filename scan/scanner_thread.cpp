@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
-#include <system_error>
 
 #include "common/file_descriptor.h"
+#include "common/start_thread.h"
 #include "common/walk.h"
 
 namespace zibd {
@@ -171,12 +171,7 @@ void ScannerThread::run() noexcept {
 }
 
 Status ScannerThread::start() {
-  try {
-    thread_ = std::thread([this] { run(); });
-  } catch (const std::system_error& e) {
-    return Status::error(e.code().value(), "start the scanner thread");
-  }
-  return Status();
+  return startThread(thread_, [this] { run(); }, "scanner");
 }
 
 void ScannerThread::join() {
