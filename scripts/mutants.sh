@@ -51,8 +51,8 @@ fault common/spawn.cpp \
   "closeRange(report_fd + 2, daemon_stderr < 0 ? -1 : daemon_stderr, fd_limit);" \
   "spawn: one descriptor above the report pipe leaks into the child"
 fault common/spawn.cpp \
-  "if (got == static_cast<ssize_t>(sizeof exec_errno)) result.exec_error = exec_errno;" \
-  "if (got < 0) result.exec_error = exec_errno;" \
+  "if (got == static_cast<ssize_t>(sizeof exec_errno) && exec_errno != 0)" \
+  "if (got < 0 && exec_errno != 0)" \
   "spawn: a failed exec is not reported"
 
 # storage/: choice of the metadata partition, rule registry, loss of the metadata disk
@@ -87,8 +87,8 @@ fault scan/scan_queue.cpp \
   "ordinary_.empty() ? priority_ : ordinary_" \
   "queue: ordinary scans go before changed directories"
 fault scan/tagging.cpp \
-  "if (std::strcmp(modified, stored) == 0) return 0;" \
-  "if (std::strcmp(modified, stored) != 0) return 0;" \
+  "if (std::strcmp(modified, stored) == 0) return Status();" \
+  "if (std::strcmp(modified, stored) != 0) return Status();" \
   "tagging: changed files are skipped and unchanged ones profiled again"
 fault scan/tagging.cpp \
   'visibility.invisible(path) ? "1" : "0"' \
@@ -133,15 +133,15 @@ fault watch/change_handler.cpp \
   "" \
   "deletes: a settled delete never reaches the tag store"
 fault watch/change_handler.cpp \
-  "const int result = kord_move(old_path, path);" \
-  "const int result = kord_move(path, old_path);" \
+  "if (kord_move(old_path, path) != 0)" \
+  "if (kord_move(path, old_path) != 0)" \
   "moves: source and destination swapped"
 fault watch/watch_table.cpp \
   "while (entry && entry->wd != wd) entry = wd < entry->wd ? entry->index.left : entry->index.right;" \
   "while (entry && entry->wd != wd) entry = wd < entry->wd ? entry->index.right : entry->index.left;" \
   "watch table: the descriptor index is searched down the wrong side"
 fault watch/watch_table.cpp \
-  "if (fsFindWatch(path, root_)) return kFsOk;" \
+  "if (fsFindWatch(path, root_)) return Status();" \
   "" \
   "watch table: a directory already watched is added a second time"
 
@@ -179,8 +179,8 @@ fault bus/profiling_status.cpp \
   'busy_ ? "Ready" : "Profiling"' \
   "status: ProfilingStatus published inverted"
 fault bus/control_pipe.cpp \
-  "busy != 0 ? kControlProfilingStarted : kControlProfilingFinished" \
-  "busy != 0 ? kControlProfilingFinished : kControlProfilingStarted" \
+  "busy ? ControlMessageType::kProfilingStarted : ControlMessageType::kProfilingFinished" \
+  "busy ? ControlMessageType::kProfilingFinished : ControlMessageType::kProfilingStarted" \
   "control pipe: profiling started and finished swapped"
 
 # frame/: start-up, signals
@@ -189,8 +189,8 @@ fault frame/signals.cpp \
   "{SIGQUIT, SIGINT}" \
   "signals: SIGTERM kills the daemon without an orderly shutdown"
 fault frame/main.cpp \
-  "if (bad_line != 0) {" \
-  "if (bad_line < 0) {" \
+  "if (!loaded.ok()) failStartup" \
+  "if (loaded.code() == EIO) failStartup" \
   "start-up: a file-type map with a bad line is accepted"
 fault frame/command_line.cpp \
   "return CommandLineVerdict::kHelp;" \
