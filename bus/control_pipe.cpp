@@ -1,8 +1,5 @@
 #include "bus/control_pipe.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
 
 namespace zibd {
@@ -20,12 +17,7 @@ void ControlPipe::send(ControlMessageType type, std::string path) {
   MutexLock hold(mutex_);
   if (!write_end_) return;
   messages_.push_back({type, std::move(path)});
-  const char wake = 0;
-  ssize_t written;
-  do {
-    written = ::write(write_end_.get(), &wake, 1);
-  } while (written < 0 && errno == EINTR);
-  // EAGAIN: the pipe is full of wake-ups the bus thread has yet to read.
+  sendWakeup(write_end_);
 }
 
 void ControlPipe::stop() { send(ControlMessageType::kStop); }
@@ -41,9 +33,7 @@ void ControlPipe::reportPartitionScanned(const std::string& mount_path) {
 std::optional<ControlMessage> ControlPipe::read() {
   // The wake-ups go first: a message sent after this drain writes one more,
   // so the bus thread's next poll does not sleep past it.
-  char wakes[64];
-  while (read_end_ && ::read(read_end_.get(), wakes, sizeof wakes) > 0) {
-  }
+  drainWakeups(read_end_);
   MutexLock hold(mutex_);
   if (messages_.empty()) return std::nullopt;
   std::optional<ControlMessage> message(std::move(messages_.front()));

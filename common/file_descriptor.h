@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "common/status.h"
@@ -58,5 +59,19 @@ struct Pipe {
     return Status();
   }
 };
+
+// A non-blocking pipe that only wakes a poll on its read end. A wake-up that
+// finds the pipe full is not lost: the bytes already there say the same.
+inline void sendWakeup(const FileDescriptor& write_end) {
+  if (!write_end) return;
+  const char byte = 0;
+  while (::write(write_end.get(), &byte, 1) < 0 && errno == EINTR) {
+  }
+}
+inline void drainWakeups(const FileDescriptor& read_end) {
+  char bytes[64];
+  while (read_end && ::read(read_end.get(), bytes, sizeof bytes) > 0) {
+  }
+}
 
 }  // namespace zibd

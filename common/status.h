@@ -40,12 +40,14 @@ class [[nodiscard]] Status {
   // The errno; 0 for success.
   int code() const { return code_; }
   const std::string& what() const { return what_; }
-  // "what: strerror(code)", or "ok".
-  std::string message() const {
+  // Why, in the words of strerror ("No space left on device"); "ok".
+  std::string reason() const {
     if (ok()) return "ok";
     const char* why = ::strerrordesc_np(code_);
-    return what_ + ": " + (why ? why : "error " + std::to_string(code_));
+    return why ? why : "error " + std::to_string(code_);
   }
+  // "what: reason", or "ok".
+  std::string message() const { return ok() ? "ok" : what_ + ": " + reason(); }
 
  private:
   // A stop is no errno any call of the daemon's returns.

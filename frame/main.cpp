@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -33,7 +32,7 @@ constexpr char kDefaultProgramName[] = "zibd";
 
 // perror's line: what, then why the step failed.
 [[noreturn]] void failStartup(const char* what, const Status& failure) {
-  std::fprintf(stderr, "%s: %s\n", what, ::strerrordesc_np(failure.code()));
+  std::fprintf(stderr, "%s: %s\n", what, failure.reason().c_str());
   std::exit(EXIT_FAILURE);
 }
 

@@ -1,7 +1,5 @@
 #include "scan/scan_queue.h"
 
-#include <unistd.h>
-
 #include <climits>
 #include <cstdlib>
 
@@ -19,17 +17,10 @@ ScanQueue::ScanQueue(const StorageQueries& storage, ScanReports& reports,
 
 void ScanQueue::signalLocked() {
   wakeup_.notifyAll();
-  if (wakeup_pipe_.write_end) {
-    const char byte = 0;
-    (void)!::write(wakeup_pipe_.write_end.get(), &byte, 1);
-  }
+  sendWakeup(wakeup_pipe_.write_end);
 }
 
-void ScanQueue::drainWakeups() {
-  char bytes[64];
-  while (wakeup_pipe_.read_end && ::read(wakeup_pipe_.read_end.get(), bytes, sizeof bytes) > 0) {
-  }
-}
+void ScanQueue::drainWakeups() { zibd::drainWakeups(wakeup_pipe_.read_end); }
 
 void ScanQueue::enqueue(const std::string& path, uint32_t kind) {
   if (!storage_.storageReady()) return;

@@ -5,9 +5,9 @@
 // kinds 1 and 3 in the ordinary list. A forced rescan replaces the first
 // waiting ordinary request of the same path.
 //
-// The queue tells the bus thread when it has work (reportProfiling(1), on the
-// first request into an idle queue) and when a take finds it empty
-// (reportProfiling(0)); these are the "Profiling" and "Ready" statuses.
+// The queue tells the bus thread when it has work (reportProfiling(true), on
+// the first request into an idle queue) and when a take finds it empty
+// (reportProfiling(false)); these are the "Profiling" and "Ready" statuses.
 //
 // Lock order: docs/code-map.md (after the storage lock, before the control
 // pipe's).

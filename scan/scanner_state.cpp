@@ -76,25 +76,19 @@ void ScannerState::scannerEnded() {
   idle_.notifyAll();
 }
 
-bool ScannerState::setScanningPath(const std::string& path) {
-  {
-    MutexLock lock(mutex_);
-    scanning_path_ = path;
-  }
-  if (!queue_.takenWithdrawn()) return true;
-  MutexLock lock(mutex_);
-  abort_.store(1);
-  return false;
-}
+bool ScannerState::setScanningPath(const std::string& path) { return publish(path, false); }
 
-bool ScannerState::setCleanupPath(const std::string& path) {
+bool ScannerState::setCleanupPath(const std::string& path) { return publish(path, true); }
+
+bool ScannerState::publish(const std::string& path, bool cleanup) {
   {
     MutexLock lock(mutex_);
-    cleanup_path_ = path;
+    (cleanup ? cleanup_path_ : scanning_path_) = path;
   }
   if (!queue_.takenWithdrawn()) return true;
   MutexLock lock(mutex_);
-  raiseCleanupStop();
+  if (cleanup) raiseCleanupStop();
+  else abort_.store(1);
   return false;
 }
 

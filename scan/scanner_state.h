@@ -92,6 +92,7 @@ class ScannerState final : public ScannerControl {
 
  private:
   void resetFlags() EXCLUDES(mutex_);
+  bool publish(const std::string& path, bool cleanup) EXCLUDES(mutex_);
   void killProfiler() REQUIRES(mutex_);
   void raiseCleanupStop() REQUIRES(mutex_);
 

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <limits>
 #include <new>
@@ -161,16 +162,20 @@ Partition* StorageModel::findPartition(const char* path, Disk** disk_out) {
   return nullptr;
 }
 
-void StorageModel::addDisk(const std::string& object_path) {
-  uint32_t capacity = 0;
+Status StorageModel::readParameters(const std::string& object_path, rill_reply_fn reader, void* context) {
   int error = 0;
   (void)retryBusCall(
       [&] {
-        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stCapacityReader,
-                                                   &capacity, &error);
+        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, reader, context, &error);
       },
       config_.read_retry_pause);
-  if (error != 0) return;
+  if (error != 0) return Status::error(EIO, "read " + object_path + ": reply error " + std::to_string(error));
+  return Status();
+}
+
+void StorageModel::addDisk(const std::string& object_path) {
+  uint32_t capacity = 0;
+  if (!readParameters(object_path, stCapacityReader, &capacity).ok()) return;
   MutexLock hold(storage_lock);
   const int32_t index = stDiskIndex(object_path.c_str(), nullptr);
   if (index == -1) return;
@@ -181,16 +186,10 @@ void StorageModel::addDisk(const std::string& object_path) {
 
 void StorageModel::addPartition(const std::string& object_path) {
   PartitionParameters params;
-  int error = 0;
-  (void)retryBusCall(
-      [&] {
-        return cs_find_parameters_of_obj_instances(connection(), object_path.c_str(), 0, 2, stPartitionReader,
-                                                   &params, &error);
-      },
-      config_.read_retry_pause);
+  const Status read = readParameters(object_path, stPartitionReader, &params);
   // A partition whose mount point does not resolve cannot be watched or
   // chosen, nor one whose path holds a control character: it is not recorded.
-  if (error != 0 || !params.status || !params.mount_path || holdsControlCharacter(*params.mount_path)) return;
+  if (!read.ok() || !params.status || !params.mount_path || holdsControlCharacter(*params.mount_path)) return;
   MutexLock hold(storage_lock);
   int32_t disk_index = -1;
   const int32_t partition_index = stPartitionIndex(object_path.c_str(), &disk_index);

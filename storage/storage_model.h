@@ -188,6 +188,9 @@ class StorageModel final : public StorageQueries {
   mutable Mutex storage_lock;
   std::list<Disk> disks GUARDED_BY(storage_lock);  // newest first
 
+  // Reads the parameters of object_path through reader (tried up to three
+  // times). Fails with EIO when the reader reported an error.
+  Status readParameters(const std::string& object_path, rill_reply_fn reader, void* context) EXCLUDES(storage_lock);
   Disk* findDisk(int32_t index) REQUIRES(storage_lock);
   Partition* findPartition(const char* path, Disk** disk) REQUIRES(storage_lock);
   // The first partition mounted exactly at mount_path, or null.
