@@ -135,17 +135,11 @@ export ZIBD_PROFILER_LOG=/dev/null
 stage=/var/bench/stage
 make_files "$stage" "$copy" new
 
+# gateway_model UUID MOUNTPOINT: the bus the daemon starts on.
+. "$repo/bench/gateway_model.sh"
 uuid=be5c-0d1a
 part=/var/uuidmount/$uuid
-printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk \
-  VFS.MetaDataService.ProfilingStatus=Ready \
-  Storage.Disk.1.CapacityInMBytes=1000 Storage.Disk.1.DoUnMount=0 \
-  Storage.Disk.1.Partition.1.MountPoint=$part Storage.Disk.1.Partition.1.Status=1 \
-  Storage.Disk.1.Partition.1.Manageddisk=1 Storage.Disk.1.Partition.1.FreeSpaceInKBytes=1048576 \
-  ContentSharing.UPnPAV.IndexRules.1.Status=Up ContentSharing.UPnPAV.IndexRules.1.Enable=1 \
-  ContentSharing.UPnPAV.IndexRules.1.UUID=$uuid ContentSharing.UPnPAV.IndexRules.1.DirectoryName=Media \
-  ContentSharing.UPnPAV.IndexRules.1.EnableMovie=1 ContentSharing.UPnPAV.IndexRules.1.EnableMusic=1 \
-  ContentSharing.UPnPAV.IndexRules.1.EnablePicture=1 >/run/gateway.model
+gateway_model "$uuid" "$part" >/run/gateway.model
 
 : >/run/figures  # daemon size round cpu wall indexed rss copy_wall copy_cpu idle_ticks idle_rss
 pids=()
