@@ -146,6 +146,19 @@ pids=()
 stop_all() { local p; for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done; pids=(); }
 trap stop_all EXIT
 
+# idle_figures PID NAME N: the CPU ticks PID spends over --idle seconds, from
+# 5 s after its indexing, and its RSS then, into the caller's idle_ticks and
+# idle_rss, and printed.
+idle_figures() {
+  local before
+  sleep 5
+  before=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$1/stat")
+  sleep "$idle"
+  idle_ticks=$(($(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$1/stat") - before)) idle_rss=$(rss "$1")
+  printf 'idle %s s after %s files: %-8s %s ticks of CPU, RSS %s kB (load %s)\n' "$idle" "$3" "$2" "$idle_ticks" \
+    "$idle_rss" "$(load)"
+}
+
 profiled() { kordctl query "@.s.mdt@ exists" 2>/dev/null | wc -l; }
 # wait_count SECONDS WANT COMMAND: until COMMAND prints WANT; false at the cap.
 wait_count() {
@@ -185,11 +198,7 @@ run_zibd() {  # N ROUND
     echo "round $round, $copy files copied in: zibd     all profiled $copy_wall s after the copy, CPU $copy_cpu s (load $(load))"
   fi
   if ((round == 1 && n == ${sizes##* } && idle > 0)); then
-    sleep 5
-    before=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$zibd/stat")
-    sleep "$idle"
-    idle_ticks=$(($(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$zibd/stat") - before)) idle_rss=$(rss "$zibd")
-    echo "idle $idle s after $n files: zibd     $idle_ticks ticks of CPU, RSS $idle_rss kB (load $(load))"
+    idle_figures "$zibd" zibd "$n"
   fi
   echo "zibd $n $round $cpu $wall $n $rss $copy_wall $copy_cpu $idle_ticks $idle_rss" >>/run/figures
   stop_all
@@ -230,11 +239,7 @@ run_minidlna() {  # N ROUND
     echo "round $round, $copy files copied in: minidlna all indexed $copy_wall s after the copy, CPU $copy_cpu s (load $(load))"
   fi
   if ((round == 1 && n == ${sizes##* } && idle > 0)); then
-    sleep 5
-    before=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$pid/stat")
-    sleep "$idle"
-    idle_ticks=$(($(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$pid/stat") - before)) idle_rss=$(rss "$pid")
-    echo "idle $idle s after $n files: minidlna $idle_ticks ticks of CPU, RSS $idle_rss kB (load $(load))"
+    idle_figures "$pid" minidlna "$n"
   fi
   [ "$got" = "$want" ] || echo "minidlna indexed $got of the $want files it takes"
   echo "minidlna $n $round $cpu $wall $got $rss $copy_wall $copy_cpu $idle_ticks $idle_rss" >>/run/figures
