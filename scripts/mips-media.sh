@@ -8,9 +8,10 @@
 # Afterwards CACHE holds lib/libmediainfo.a, libzen.a, libz.a and libexif.a
 # with their headers in include/, source/ (the packages' upstream tarballs,
 # fetched once with `apt-get source --tar-only`) and stamp (the versions and a
-# hash of the recipe: this script, cmake/mips-media/ and the toolchain file;
-# a changed recipe rebuilds from source/). Before its first fetch it runs
-# scripts/setup.sh for the deb-src entries that apt-get source needs.
+# hash of the recipe: this script, scripts/lib/mips-cache.sh, cmake/mips-media/
+# and the toolchain file; a changed recipe rebuilds from source/). Before its
+# first fetch it runs scripts/setup.sh for the deb-src entries that apt-get
+# source needs.
 # MediaInfoLib is built with its own CMake files, with ZenLib beside it and its
 # bundled tinyxml2; zlib and libexif with cmake/mips-media/. Compiled with -Os;
 # it takes about ten minutes on two busy cores.
@@ -19,16 +20,11 @@
 # the test command does not build it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-repo=$PWD
+name=mips-media
+recipe_files=(scripts/mips-media.sh cmake/mips-media/CMakeLists.txt cmake/mips-linux-gnu.cmake)
+# shellcheck source=scripts/lib/mips-cache.sh
+. scripts/lib/mips-cache.sh
 
-cache=${1:-${ZIBD_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zibd}/mips-media}
-mkdir -p "$cache"
-cache=$(cd "$cache" && pwd)
-log() { echo "mips-media: $*" >&2; }
-die() { log "$*"; exit 1; }
-
-recipe=$(cat scripts/mips-media.sh cmake/mips-media/CMakeLists.txt cmake/mips-linux-gnu.cmake | sha256sum)
-recipe=${recipe%% *}
 libs=(libmediainfo.a libzen.a libz.a libexif.a)
 cached() {
   local lib
@@ -40,8 +36,7 @@ if cached; then
   exit 0
 fi
 
-exec 9>"$cache/.lock"
-flock 9
+lock_cache
 cached && exit 0
 
 work="$cache/work"

@@ -8,9 +8,10 @@
 # Prints the directory that holds the library. CACHE keeps
 #   source/              the downloaded source package (.dsc and tarballs)
 #   RECIPE/              one build per recipe (a hash of this script,
-#                        cmake/mips-sqlite/ and the toolchain file), so that
-#                        checkouts of different recipes share the cache without
-#                        undoing each other's build:
+#                        scripts/lib/mips-cache.sh, cmake/mips-sqlite/ and the
+#                        toolchain file), so that checkouts of different
+#                        recipes share the cache without undoing each other's
+#                        build:
 #     lib/libsqlite3.a   the library, compiled by mips-linux-gnu-gcc through
 #                        cmake/mips-linux-gnu.cmake (cmake/mips-sqlite/)
 #     include/sqlite3.h  its header
@@ -21,16 +22,11 @@
 # the host's tclsh and compiles it. Any failure stops it with a message.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-repo=$PWD
+name=mips-sqlite
+recipe_files=(scripts/mips-sqlite.sh cmake/mips-sqlite/CMakeLists.txt cmake/mips-linux-gnu.cmake)
+# shellcheck source=scripts/lib/mips-cache.sh
+. scripts/lib/mips-cache.sh
 
-cache=${1:-${ZIBD_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zibd}/mips-sqlite}
-mkdir -p "$cache"
-cache=$(cd "$cache" && pwd)
-log() { echo "mips-sqlite: $*" >&2; }
-die() { log "$*"; exit 1; }
-
-recipe=$(cat scripts/mips-sqlite.sh cmake/mips-sqlite/CMakeLists.txt cmake/mips-linux-gnu.cmake | sha256sum)
-recipe=${recipe%% *}
 prefix=$cache/${recipe:0:16}
 cached() {
   [ -f "$prefix/lib/libsqlite3.a" ] && [ -f "$prefix/include/sqlite3.h" ] &&
@@ -44,8 +40,7 @@ if cached; then
 fi
 
 # One run at a time per cache (the variants may be built side by side).
-exec 9>"$cache/.lock"
-flock 9
+lock_cache
 if cached; then
   log "using $(sed -n 's/^version //p' "$prefix/stamp") from $prefix"
   echo "$prefix"

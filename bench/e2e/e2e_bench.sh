@@ -84,6 +84,8 @@ rillctl=$(program "$build" rillctl) kordctl=$(program "$build" kordctl)
 die() { echo "e2e_bench: $*" >&2; exit 1; }
 # The tests' one shell wait: wait_until SECONDS COMMAND...
 . "$repo/tests/support/wait.sh"
+# gateway_model UUID MOUNTPOINT: the bus the daemon starts on.
+. "$repo/bench/gateway_model.sh"
 
 uuid=be5c-0e2e
 part=/var/uuidmount/$uuid
@@ -103,15 +105,7 @@ EOF
 chmod +x /tmp/profile.sh
 : >/tmp/profiler.log
 printf 'mkv:STDVIDEO:/tmp/profile.sh:\n' >/tmp/types.ini
-printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk \
-  VFS.MetaDataService.ProfilingStatus=Ready \
-  Storage.Disk.1.CapacityInMBytes=1000 Storage.Disk.1.DoUnMount=0 \
-  Storage.Disk.1.Partition.1.MountPoint=$part Storage.Disk.1.Partition.1.Status=1 \
-  Storage.Disk.1.Partition.1.Manageddisk=1 Storage.Disk.1.Partition.1.FreeSpaceInKBytes=1048576 \
-  ContentSharing.UPnPAV.IndexRules.1.Status=Up ContentSharing.UPnPAV.IndexRules.1.Enable=1 \
-  ContentSharing.UPnPAV.IndexRules.1.UUID=$uuid ContentSharing.UPnPAV.IndexRules.1.DirectoryName=Media \
-  ContentSharing.UPnPAV.IndexRules.1.EnableMovie=1 ContentSharing.UPnPAV.IndexRules.1.EnableMusic=1 \
-  ContentSharing.UPnPAV.IndexRules.1.EnablePicture=1 >/tmp/gateway.model
+gateway_model "$uuid" "$part" >/tmp/gateway.model
 
 "$rilld" --model /tmp/gateway.model & broker=$!
 wait_until 10 test -S "$RILL_SOCKET" || die "the broker did not start"

@@ -135,22 +135,29 @@ export ZIBD_PROFILER_LOG=/dev/null
 stage=/var/bench/stage
 make_files "$stage" "$copy" new
 
+# gateway_model UUID MOUNTPOINT: the bus the daemon starts on.
+. "$repo/bench/gateway_model.sh"
 uuid=be5c-0d1a
 part=/var/uuidmount/$uuid
-printf '%s\n' VFS.MetaDataService.ForceRescan=0 VFS.MetaDataService.MetaDataStorageStatus=NoSuitableDisk \
-  VFS.MetaDataService.ProfilingStatus=Ready \
-  Storage.Disk.1.CapacityInMBytes=1000 Storage.Disk.1.DoUnMount=0 \
-  Storage.Disk.1.Partition.1.MountPoint=$part Storage.Disk.1.Partition.1.Status=1 \
-  Storage.Disk.1.Partition.1.Manageddisk=1 Storage.Disk.1.Partition.1.FreeSpaceInKBytes=1048576 \
-  ContentSharing.UPnPAV.IndexRules.1.Status=Up ContentSharing.UPnPAV.IndexRules.1.Enable=1 \
-  ContentSharing.UPnPAV.IndexRules.1.UUID=$uuid ContentSharing.UPnPAV.IndexRules.1.DirectoryName=Media \
-  ContentSharing.UPnPAV.IndexRules.1.EnableMovie=1 ContentSharing.UPnPAV.IndexRules.1.EnableMusic=1 \
-  ContentSharing.UPnPAV.IndexRules.1.EnablePicture=1 >/run/gateway.model
+gateway_model "$uuid" "$part" >/run/gateway.model
 
 : >/run/figures  # daemon size round cpu wall indexed rss copy_wall copy_cpu idle_ticks idle_rss
 pids=()
 stop_all() { local p; for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done; pids=(); }
 trap stop_all EXIT
+
+# idle_figures PID NAME N: the CPU ticks PID spends over --idle seconds, from
+# 5 s after its indexing, and its RSS then, into the caller's idle_ticks and
+# idle_rss, and printed.
+idle_figures() {
+  local before
+  sleep 5
+  before=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$1/stat")
+  sleep "$idle"
+  idle_ticks=$(($(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$1/stat") - before)) idle_rss=$(rss "$1")
+  printf 'idle %s s after %s files: %-8s %s ticks of CPU, RSS %s kB (load %s)\n' "$idle" "$3" "$2" "$idle_ticks" \
+    "$idle_rss" "$(load)"
+}
 
 profiled() { kordctl query "@.s.mdt@ exists" 2>/dev/null | wc -l; }
 # wait_count SECONDS WANT COMMAND: until COMMAND prints WANT; false at the cap.
@@ -191,11 +198,7 @@ run_zibd() {  # N ROUND
     echo "round $round, $copy files copied in: zibd     all profiled $copy_wall s after the copy, CPU $copy_cpu s (load $(load))"
   fi
   if ((round == 1 && n == ${sizes##* } && idle > 0)); then
-    sleep 5
-    before=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$zibd/stat")
-    sleep "$idle"
-    idle_ticks=$(($(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$zibd/stat") - before)) idle_rss=$(rss "$zibd")
-    echo "idle $idle s after $n files: zibd     $idle_ticks ticks of CPU, RSS $idle_rss kB (load $(load))"
+    idle_figures "$zibd" zibd "$n"
   fi
   echo "zibd $n $round $cpu $wall $n $rss $copy_wall $copy_cpu $idle_ticks $idle_rss" >>/run/figures
   stop_all
@@ -236,11 +239,7 @@ run_minidlna() {  # N ROUND
     echo "round $round, $copy files copied in: minidlna all indexed $copy_wall s after the copy, CPU $copy_cpu s (load $(load))"
   fi
   if ((round == 1 && n == ${sizes##* } && idle > 0)); then
-    sleep 5
-    before=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$pid/stat")
-    sleep "$idle"
-    idle_ticks=$(($(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$pid/stat") - before)) idle_rss=$(rss "$pid")
-    echo "idle $idle s after $n files: minidlna $idle_ticks ticks of CPU, RSS $idle_rss kB (load $(load))"
+    idle_figures "$pid" minidlna "$n"
   fi
   [ "$got" = "$want" ] || echo "minidlna indexed $got of the $want files it takes"
   echo "minidlna $n $round $cpu $wall $got $rss $copy_wall $copy_cpu $idle_ticks $idle_rss" >>/run/figures
